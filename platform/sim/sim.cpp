@@ -1,0 +1,1854 @@
+// Deterministic simulation of the switch platform: the C platform functions
+// of platform/*.h and the sim:: control API of sim.h.
+//
+// All state lives in one object guarded by one recursive lock. The lock is
+// never held while a caller may block (PAL mutexes) or while foreign code
+// runs (timer callbacks, the onFire hook), so a callback may call back into
+// the platform freely.
+#include "platform/sim/sim.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SIM_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) && !defined(SIM_ASAN)
+#define SIM_ASAN 1
+#endif
+#ifdef SIM_ASAN
+#include <sanitizer/asan_interface.h>
+// Released frames stay reserved (so a second release is recognised);
+// poisoning them lets AddressSanitizer catch any use after the release.
+#define SIM_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
+#define SIM_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION((p), (n))
+#else
+#define SIM_POISON(p, n) ((void)(p), (void)(n))
+#define SIM_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
+// A PAL mutex: a flag under a real mutex, so that a give without a take, a
+// give from another thread or a destroy while others wait are all defined
+// behaviour instead of undefined behaviour of std::mutex.
+struct PalMutex {
+    std::string name;
+    std::mutex m;
+    std::condition_variable cv;
+    bool locked = false;
+    bool destroyed = false;
+};
+
+struct PalThread {
+    size_t index;
+};
+
+namespace {
+
+constexpr uint32_t kPortsPerUnit = 64;
+constexpr uint32_t kMaxPortChannels = 15;
+constexpr size_t kFrameCapacity = 2048;
+constexpr uint32_t kDefaultPortCount = 28;
+constexpr uint32_t kDefaultPortChannels = 8;
+const sim::Mac kDefaultMac = {0x00, 0x0e, 0x5e, 0x00, 0x00, 0x01};
+
+struct Alloc {
+    size_t size;
+    std::string tag;
+};
+
+struct Failure {
+    uint32_t code;
+    int skip;
+    int times;
+};
+
+struct Queue {
+    std::string name;
+    uint32_t depth;
+    uint32_t recordSize;
+    uint32_t option;
+    std::deque<std::vector<uint8_t>> records;
+};
+
+struct Thread {
+    sim::ThreadRec rec;
+    std::unique_ptr<PalThread> handle;
+};
+
+struct Frame {
+    size_t capacity;
+};
+
+struct FdbValue {
+    up port;
+    uint32_t word;
+};
+
+struct State {
+    std::recursive_mutex lock;
+    uint64_t generation = 0;  // bumped by reset(), so a running advance can notice
+
+    // switch model
+    uint32_t unit = 1;
+    std::set<uint32_t> units{1};
+    std::map<uint32_t, uint32_t> portCounts;
+    uint32_t portChannels = kDefaultPortChannels;
+    std::set<up> provisioned;
+    std::map<up, std::string> portNames;
+    sim::Mac mac = kDefaultMac;
+
+    // configuration
+    std::map<up, DhcpSnoopPortCfg> portCfg;
+    std::set<uint16_t> snoopVlans;
+    uint8_t qAddStatus = 1;
+    bool includeIpFilter = false;
+    bool includeArpDefend = false;
+    std::vector<sim::SetPortCfgCall> setPortCfgCalls;
+
+    // logging
+    uint32_t debugFlag = 0;
+    bool switchInited = true;
+    std::string processName = "swapp";
+    std::string moduleName = "DHCPSNOOP";
+    bool echo = false;  // a developer's choice: kept across reset()
+    std::vector<sim::LogLine> logs;
+    std::vector<sim::SyslogEntry> syslog;
+
+    // memory
+    std::map<void*, Alloc> allocs;
+    size_t allocBytes = 0;
+    size_t allocCount = 0;
+    size_t badFrees = 0;
+
+    std::map<std::string, Failure> failures;
+    std::vector<std::string> events;
+
+    // queues, mutexes, tasks
+    std::vector<Queue> queues;  // handle = index + 1
+    std::vector<std::unique_ptr<PalMutex>> mutexes;
+    std::vector<Thread> threads;
+    uint64_t sleptMs = 0;
+
+    // time
+    uint64_t nowMs = 0;
+    std::vector<sim::TimerRec> timers;  // creation order
+    uint32_t timerSerial = 0;
+
+    // frames and transmission
+    std::map<uint8_t*, Frame> liveFrames;
+    std::map<uint8_t*, Frame> releasedFrames;
+    size_t badReleases = 0;
+    size_t releaseCount = 0;
+    std::vector<sim::SentPacket> sent;
+
+    // forwarding database
+    std::map<std::pair<sim::Mac, uint32_t>, FdbValue> fdb;
+    std::vector<sim::FdbLookup> fdbLookups;
+
+    std::vector<SwQTableEntry> qtable;
+
+    sim::StkRegistrations stk;
+    std::vector<std::vector<uint8_t>> runtimeRecords;
+
+    std::string fileRoot;
+    std::set<std::string> filePaths;  // set nodes never move: c_str() stays valid
+};
+
+// Never destroyed: threads still running at exit may use it, and blocks it
+// tracks stay reachable for the leak checker.
+State& st()
+{
+    static State* s = new State;
+    return *s;
+}
+
+using Guard = std::lock_guard<std::recursive_mutex>;
+
+std::string tagText(const char* tag) { return tag ? tag : "(null)"; }
+
+// The one failure-injection check: true when the call named by key fails,
+// with *code set to the armed value.
+bool shouldFail(const char* key, uint32_t* code)
+{
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.failures.find(key);
+    if (it == s.failures.end())
+        return false;
+    Failure& f = it->second;
+    if (f.skip > 0) {
+        --f.skip;
+        return false;
+    }
+    if (f.times == 0) {
+        s.failures.erase(it);
+        return false;
+    }
+    if (code)
+        *code = f.code;
+    if (f.times > 0 && --f.times == 0)
+        s.failures.erase(it);
+    return true;
+}
+
+bool shouldFail(const std::string& key, uint32_t* code) { return shouldFail(key.c_str(), code); }
+
+void event(State& s, std::string text) { s.events.push_back(std::move(text)); }
+
+uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
+
+uint32_t portCountOf(const State& s, uint32_t unit)
+{
+    auto it = s.portCounts.find(unit);
+    return it == s.portCounts.end() ? kDefaultPortCount : it->second;
+}
+
+uint32_t flatIndexCount(const State& s) { return maxUnit(s) * kPortsPerUnit + kMaxPortChannels; }
+
+up handleOfIndex(const State& s, uint32_t index)
+{
+    uint32_t physical = maxUnit(s) * kPortsPerUnit;
+    if (index < physical)
+        return UP_MAKE(UP_TYPE_PHYSICAL, index / kPortsPerUnit + 1, 0, index % kPortsPerUnit + 1);
+    if (index - physical < kMaxPortChannels)
+        return UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - physical + 1);
+    return UP_INVALID;
+}
+
+uint32_t slotBase(uint32_t slot) { return slot * kPortsPerUnit; }
+
+// Word and bit of a port in a PortList; false when the port has no place.
+bool portBit(up h, uint32_t* word, uint32_t* bit)
+{
+    if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
+        uint32_t unit = UP_UNIT(h);
+        if (unit == 0)
+            return false;
+        uint32_t n = slotBase(UP_SLOT(h)) + UP_PORT(h);
+        *word = (unit - 1) * 3 + (n / 32) % 3;
+        *bit = n % 32;
+    } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
+        if (UP_PORT(h) == 0)
+            return false;
+        uint32_t m = UP_PORT(h) - 1;
+        *word = 3 + (m / 32) % 3;
+        *bit = m % 32;
+    } else {
+        return false;
+    }
+    return *word < 6;
+}
+
+std::string nameOf(const State& s, up h)
+{
+    auto it = s.portNames.find(h);
+    if (it != s.portNames.end())
+        return it->second;
+    char buf[UP_STR_BUF];
+    if (UP_KIND(h) == UP_TYPE_PHYSICAL)
+        snprintf(buf, sizeof buf, "%u/%u/%u", (unsigned)UP_UNIT(h), (unsigned)UP_SLOT(h),
+                 (unsigned)UP_PORT(h));
+    else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL)
+        snprintf(buf, sizeof buf, "po%u", (unsigned)UP_PORT(h));
+    else
+        snprintf(buf, sizeof buf, "unknown");
+    return buf;
+}
+
+// Parses a decimal number of 1 to 3 digits up to 255 at *p; advances *p.
+bool parseByte(const char** p, uint32_t* value)
+{
+    const char* q = *p;
+    uint32_t v = 0;
+    int digits = 0;
+    while (*q >= '0' && *q <= '9') {
+        v = v * 10 + (uint32_t)(*q - '0');
+        if (++digits > 3 || v > 255)
+            return false;
+        ++q;
+    }
+    if (digits == 0)
+        return false;
+    *p = q;
+    *value = v;
+    return true;
+}
+
+uint64_t periodMs(PalTimeSpec p)
+{
+    uint64_t ms = (uint64_t)p.sec * 1000u + p.usec / 1000u;
+    // A zero period would fire an endless timer forever at one instant.
+    return ms == 0 ? 1 : ms;
+}
+
+void freeEverything(State& s)
+{
+    for (auto& a : s.allocs)
+        free(a.first);
+    s.allocs.clear();
+    for (auto& f : s.liveFrames)
+        free(f.first);
+    s.liveFrames.clear();
+    for (auto& f : s.releasedFrames) {
+        SIM_UNPOISON(f.first, f.second.capacity);
+        free(f.first);
+    }
+    s.releasedFrames.clear();
+}
+
+const char* kLogLoadOk = "DHCP snooping: binding file loaded";
+const char* kLogLoadFail = "DHCP snooping: binding file could not be loaded";
+const char* kLogRateOverflow = "DHCP snooping: DHCP rate limit exceeded on port %s";
+const char* kLogDeclineOverflow = "DHCP snooping: DHCPDECLINE rate limit exceeded on port %s";
+
+bool syslogArg1IsText(uint32_t code)
+{
+    return code == DHCP_SNOOP_LOG_RATE_OVERFLOW || code == DHCP_SNOOP_LOG_DECLINE_OVERFLOW;
+}
+
+std::string renderSyslog(const std::string& tmpl, const std::string& text)
+{
+    std::string out = tmpl;
+    size_t pos = out.find("%s");
+    if (pos != std::string::npos)
+        out.replace(pos, 2, text);
+    return out;
+}
+
+const char* const kErrorPrefix = "\x1b[31;49m";
+const char* const kErrorSuffix = "\x1b[0m\r\n";
+const char* const kDebugSuffix = "\r\n";
+
+}  // namespace
+
+// =========================================================================
+// C platform functions
+// =========================================================================
+
+extern "C" {
+
+// ---- memory --------------------------------------------------------------
+
+void* pal_alloc(size_t size, const char* tag)
+{
+    if (shouldFail("pal_alloc", nullptr))
+        return nullptr;
+    void* p = malloc(size ? size : 1);
+    if (!p)
+        return nullptr;
+    // A recognisable pattern instead of zeros exposes reliance on fresh memory.
+    memset(p, 0xA5, size ? size : 1);
+    State& s = st();
+    Guard g(s.lock);
+    s.allocs[p] = Alloc{size, tagText(tag)};
+    s.allocBytes += size;
+    ++s.allocCount;
+    event(s, "alloc " + std::to_string(size) + " " + tagText(tag));
+    return p;
+}
+
+void* pal_calloc(size_t count, size_t size, const char* tag)
+{
+    if (shouldFail("pal_calloc", nullptr))
+        return nullptr;
+    if (size != 0 && count > SIZE_MAX / size)
+        return nullptr;
+    size_t total = count * size;
+    void* p = calloc(total ? count : 1, total ? size : 1);
+    if (!p)
+        return nullptr;
+    State& s = st();
+    Guard g(s.lock);
+    s.allocs[p] = Alloc{total, tagText(tag)};
+    s.allocBytes += total;
+    ++s.allocCount;
+    event(s, "alloc " + std::to_string(total) + " " + tagText(tag));
+    return p;
+}
+
+void pal_free(void* p)
+{
+    if (!p)
+        return;
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.allocs.find(p);
+    if (it == s.allocs.end()) {
+        ++s.badFrees;
+        return;
+    }
+    event(s, "free " + std::to_string(it->second.size) + " " + it->second.tag);
+    s.allocBytes -= it->second.size;
+    s.allocs.erase(it);
+    free(p);
+}
+
+// ---- mutexes -------------------------------------------------------------
+
+PalMutex* pal_mutex_create(const char* name)
+{
+    std::string n = name ? name : "";
+    if (shouldFail("pal_mutex_create:" + n, nullptr))
+        return nullptr;
+    State& s = st();
+    Guard g(s.lock);
+    s.mutexes.push_back(std::make_unique<PalMutex>());
+    s.mutexes.back()->name = n;
+    event(s, "mutex_create " + n);
+    return s.mutexes.back().get();
+}
+
+static bool knownMutex(State& s, PalMutex* m)
+{
+    for (auto& p : s.mutexes)
+        if (p.get() == m)
+            return true;
+    return false;
+}
+
+void pal_mutex_destroy(PalMutex* m)
+{
+    if (!m)
+        return;
+    State& s = st();
+    Guard g(s.lock);
+    if (!knownMutex(s, m))
+        return;
+    {
+        std::lock_guard<std::mutex> lk(m->m);
+        if (m->destroyed)
+            return;
+        m->destroyed = true;
+    }
+    // Waiters wake up and fail instead of blocking forever.
+    m->cv.notify_all();
+    event(s, "mutex_destroy " + m->name);
+}
+
+int32_t pal_mutex_take_int(PalMutex* m, int32_t timeout)
+{
+    {
+        State& s = st();
+        Guard g(s.lock);
+        if (!m || !knownMutex(s, m))
+            return -1;
+    }
+    // The sim lock is released here: blocking must not stop other threads.
+    std::unique_lock<std::mutex> lk(m->m);
+    auto ready = [m] { return !m->locked || m->destroyed; };
+    if (timeout == 0) {
+        if (!ready())
+            return -1;
+    } else if (timeout < 0) {
+        m->cv.wait(lk, ready);
+    } else if (!m->cv.wait_for(lk, std::chrono::milliseconds(timeout), ready)) {
+        return -1;
+    }
+    if (m->destroyed)
+        return -1;
+    m->locked = true;
+    return 0;
+}
+
+int32_t pal_mutex_give_int(PalMutex* m)
+{
+    {
+        State& s = st();
+        Guard g(s.lock);
+        if (!m || !knownMutex(s, m))
+            return -1;
+    }
+    {
+        std::lock_guard<std::mutex> lk(m->m);
+        if (m->destroyed || !m->locked)
+            return -1;
+        m->locked = false;
+    }
+    m->cv.notify_one();
+    return 0;
+}
+
+// ---- message queues ----------------------------------------------------------
+
+PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, uint32_t option)
+{
+    std::string n = name ? name : "";
+    uint32_t code = 0;
+    if (shouldFail("pal_msgQ_create:" + n, &code))
+        return (PalMsgQ)code;
+    State& s = st();
+    Guard g(s.lock);
+    s.queues.push_back(Queue{n, depth, recordSize, option, {}});
+    event(s, "queue_create " + n + " " + std::to_string(depth) + " " + std::to_string(recordSize) +
+                 " " + std::to_string(option));
+    return (PalMsgQ)s.queues.size();
+}
+
+static Queue* queueOf(State& s, PalMsgQ q)
+{
+    if (q <= 0 || (size_t)q > s.queues.size())
+        return nullptr;
+    return &s.queues[(size_t)q - 1];
+}
+
+int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait, uint32_t option)
+{
+    (void)wait;  // a simulated queue never waits: nobody could drain it meanwhile
+    (void)option;
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    if (!queue)
+        return -1;
+    if (shouldFail("pal_msgQ_send:" + queue->name, nullptr))
+        return -1;
+    if (size > queue->recordSize || (size > 0 && !buffer) || queue->records.size() >= queue->depth)
+        return -1;
+    std::vector<uint8_t> rec(queue->recordSize, 0);
+    if (size)
+        memcpy(rec.data(), buffer, size);
+    queue->records.push_back(std::move(rec));
+    return 0;
+}
+
+int32_t pal_msgQ_receive(PalMsgQ q, void* buffer, uint32_t size, int32_t wait, uint32_t* word)
+{
+    (void)wait;
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    if (!queue || queue->records.empty())
+        return -1;
+    uint32_t n = std::min(size, queue->recordSize);
+    if (n > 0 && !buffer)
+        return -1;
+    if (n)
+        memcpy(buffer, queue->records.front().data(), n);
+    queue->records.pop_front();
+    if (word)
+        *word = 0;
+    return (int32_t)n;
+}
+
+// ---- tasks ------------------------------------------------------------------
+
+PalThread* pal_thread_create(const char* name, uint32_t stackSize, uint32_t priority,
+                             PalThreadEntry entry, void* arg)
+{
+    std::string n = name ? name : "";
+    if (shouldFail("pal_thread_create:" + n, nullptr))
+        return nullptr;
+    State& s = st();
+    Guard g(s.lock);
+    Thread t;
+    t.rec = sim::ThreadRec{n, stackSize, priority, entry, arg, false};
+    t.handle = std::make_unique<PalThread>();
+    t.handle->index = s.threads.size();
+    PalThread* h = t.handle.get();
+    s.threads.push_back(std::move(t));
+    event(s, "thread_create " + n + " " + std::to_string(stackSize) + " " +
+                 std::to_string(priority));
+    return h;
+}
+
+void pal_thread_destroy(PalThread* t)
+{
+    if (!t)
+        return;
+    State& s = st();
+    Guard g(s.lock);
+    for (auto& th : s.threads) {
+        if (th.handle.get() == t) {
+            if (!th.rec.destroyed) {
+                th.rec.destroyed = true;
+                event(s, "thread_destroy " + th.rec.name);
+            }
+            return;
+        }
+    }
+}
+
+void pal_sleep(uint32_t ms)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.sleptMs += ms;
+}
+
+// ---- timers -----------------------------------------------------------------
+
+uint32_t add_timer(PalTimerId* timerId, const char* name, PalTimeSpec period,
+                   PalTimerCallback callback, uint32_t arg, int32_t repetitions)
+{
+    std::string n = name ? name : "";
+    uint32_t code = 0;
+    if (shouldFail("add_timer:" + n, &code)) {
+        if (timerId)
+            memset(timerId, 0, sizeof *timerId);
+        return code;
+    }
+    State& s = st();
+    Guard g(s.lock);
+    sim::TimerRec t;
+    t.name = n;
+    t.period = period;
+    t.callback = callback;
+    t.arg = arg;
+    t.repetitions = repetitions;
+    t.dueMs = s.nowMs + periodMs(period);
+    t.active = repetitions != 0;
+    s.timers.push_back(t);
+    uint32_t serial = ++s.timerSerial;
+    if (timerId) {
+        memset(timerId, 0, sizeof *timerId);
+        timerId->id[0] = 1;
+        timerId->id[1] = (uint8_t)(serial >> 24);
+        timerId->id[2] = (uint8_t)(serial >> 16);
+        timerId->id[3] = (uint8_t)(serial >> 8);
+        timerId->id[4] = (uint8_t)serial;
+    }
+    event(s, "timer_add " + n + " " + std::to_string(period.sec) + "." +
+                 std::to_string(period.usec) + " " + std::to_string(arg) + " " +
+                 std::to_string(repetitions));
+    return 0;
+}
+
+// ---- files ------------------------------------------------------------------
+
+const char* pal_file_path(const char* path)
+{
+    if (!path)
+        return nullptr;
+    State& s = st();
+    Guard g(s.lock);
+    if (s.fileRoot.empty())
+        return path;
+    std::string p = path;
+    size_t slash = p.find_last_of('/');
+    std::string base = slash == std::string::npos ? p : p.substr(slash + 1);
+    std::string root = s.fileRoot;
+    if (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    std::string full = root == "/" ? "/" + base : root + "/" + base;
+    return s.filePaths.insert(full).first->c_str();
+}
+
+// ---- logging ----------------------------------------------------------------
+
+uint32_t debugFlagGet(uint32_t mid)
+{
+    (void)mid;
+    State& s = st();
+    Guard g(s.lock);
+    return s.debugFlag;
+}
+
+int debugPrintf(uint32_t mid, const char* format, ...)
+{
+    (void)mid;
+    if (!format)
+        return 0;
+    std::vector<char> buf(512);
+    va_list ap;
+    va_start(ap, format);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int n = vsnprintf(buf.data(), buf.size(), format, ap);
+    va_end(ap);
+    if (n < 0) {
+        va_end(ap2);
+        return n;
+    }
+    if ((size_t)n >= buf.size()) {
+        buf.resize((size_t)n + 1);
+        vsnprintf(buf.data(), buf.size(), format, ap2);
+    }
+    va_end(ap2);
+    std::string text(buf.data(), (size_t)n);
+    bool echo;
+    {
+        State& s = st();
+        Guard g(s.lock);
+        sim::LogLine line;
+        line.error = text.compare(0, strlen(kErrorPrefix), kErrorPrefix) == 0;
+        line.text = text;
+        s.logs.push_back(std::move(line));
+        echo = s.echo;
+    }
+    if (echo)
+        fputs(text.c_str(), stderr);
+    return n;
+}
+
+const char* midNameGet(uint32_t mid)
+{
+    (void)mid;
+    State& s = st();
+    Guard g(s.lock);
+    return s.moduleName.c_str();
+}
+
+uint32_t pidGetCurrent(void) { return 1; }
+
+const char* pidNameGet(uint32_t pid)
+{
+    (void)pid;
+    State& s = st();
+    Guard g(s.lock);
+    return s.processName.c_str();
+}
+
+uint32_t isSwitchInited(void)
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.switchInited ? 1 : 0;
+}
+
+uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uintptr_t a4,
+                   uintptr_t a5, uintptr_t a6)
+{
+    sim::SyslogEntry e;
+    e.code = code;
+    e.args = {a1, a2, a3, a4, a5, a6};
+    // The text argument is only valid during the call: copy it now.
+    if (syslogArg1IsText(code) && a1)
+        e.portName = reinterpret_cast<const char*>(a1);
+    e.text = renderSyslog(sim::syslogText(code), e.portName);
+    State& s = st();
+    Guard g(s.lock);
+    s.syslog.push_back(std::move(e));
+    return 0;
+}
+
+// ---- ports ------------------------------------------------------------------
+
+uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
+                             uint32_t line)
+{
+    (void)func;
+    (void)line;
+    if (!handle)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    // flag 0: a port index counted from 1 (the rate limits' numbering).
+    if (flag == 0) {
+        if (index == 0) {
+            *handle = UP_INVALID;
+            return 0;
+        }
+        index -= 1;
+    }
+    *handle = index < flatIndexCount(s) ? handleOfIndex(s, index) : UP_INVALID;
+    return 0;
+}
+
+uint32_t inner_up_is_valid(up handle)
+{
+    State& s = st();
+    Guard g(s.lock);
+    if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
+        uint32_t unit = UP_UNIT(handle);
+        return s.units.count(unit) && UP_SLOT(handle) == 0 && UP_PORT(handle) >= 1 &&
+                       UP_PORT(handle) <= portCountOf(s, unit)
+                   ? 1
+                   : 0;
+    }
+    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
+        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= s.portChannels ? 1 : 0;
+    return 0;
+}
+
+uint32_t inner_up_is_provision(up handle)
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.provisioned.count(handle) ? 1 : 0;
+}
+
+uint32_t inner_up_unit_is_valid(uint32_t unit)
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.units.count(unit) ? 1 : 0;
+}
+
+uint32_t inner_up_unitbase_get(uint32_t unit) { return unit == 0 ? 0 : (unit - 1) * kPortsPerUnit; }
+
+uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slotBase(slot); }
+
+uint32_t usUp2Str(up handle, char* text, uint32_t flag)
+{
+    (void)flag;
+    if (!text)
+        return 1;
+    std::string name;
+    {
+        State& s = st();
+        Guard g(s.lock);
+        name = nameOf(s, handle);
+    }
+    snprintf(text, UP_STR_BUF, "%s", name.c_str());
+    return 0;
+}
+
+uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
+{
+    (void)unit;
+    (void)flag;
+    if (!handle)
+        return 1;
+    *handle = UP_INVALID;
+    if (!text)
+        return 1;
+    const char* p = text;
+    while (*p == ' ' || *p == '\t')
+        ++p;
+    {
+        State& s = st();
+        Guard g(s.lock);
+        for (const auto& n : s.portNames) {
+            if (n.second == p) {
+                *handle = n.first;
+                return 0;
+            }
+        }
+    }
+    uint32_t a, b, c;
+    if (p[0] == 'p' && p[1] == 'o') {
+        const char* q = p + 2;
+        if (parseByte(&q, &a) && *q == '\0') {
+            *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, a);
+            return 0;
+        }
+        return 1;
+    }
+    const char* q = p;
+    if (parseByte(&q, &a) && *q++ == '/' && parseByte(&q, &b) && *q++ == '/' &&
+        parseByte(&q, &c) && *q == '\0') {
+        *handle = UP_MAKE(UP_TYPE_PHYSICAL, a, b, c);
+        return 0;
+    }
+    return 1;
+}
+
+// ---- snooping configuration ---------------------------------------------------
+
+static DhcpSnoopPortCfg cfgOf(State& s, up port)
+{
+    auto it = s.portCfg.find(port);
+    if (it != s.portCfg.end())
+        return it->second;
+    DhcpSnoopPortCfg c;
+    memset(&c, 0, sizeof c);
+    return c;
+}
+
+uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetPortTrust", &code))
+        return code;
+    if (!trust)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *trust = cfgOf(s, port).trust;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortMacVerify(up port, uint8_t* macVerify)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetPortMacVerify", &code))
+        return code;
+    if (!macVerify)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *macVerify = cfgOf(s, port).macVerify;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortCfg(up port, DhcpSnoopPortCfg* cfg)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetPortCfg", &code))
+        return code;
+    if (!cfg)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *cfg = cfgOf(s, port);
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortLimitRate(up port, uint8_t* rate)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetPortLimitRate", &code))
+        return code;
+    if (!rate)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *rate = cfgOf(s, port).limitRate;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortDecLimitRate(up port, uint8_t* rate)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetPortDecLimitRate", &code))
+        return code;
+    if (!rate)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *rate = cfgOf(s, port).decLimitRate;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetVlanEnableStatusByVid(uint16_t vid, uint8_t* enabled)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetVlanEnableStatusByVid", &code))
+        return code;
+    if (!enabled)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *enabled = s.snoopVlans.count(vid) ? 1 : 0;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetQAddStatus(uint8_t* status)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopGetQAddStatus", &code))
+        return code;
+    if (!status)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *status = s.qAddStatus;
+    return 0;
+}
+
+uint32_t swDhcpSnoopSetPortCfg(up port, const DhcpSnoopPortCfg* cfg)
+{
+    uint32_t code;
+    if (shouldFail("swDhcpSnoopSetPortCfg", &code))
+        return code;
+    if (!cfg)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    s.portCfg[port] = *cfg;
+    s.setPortCfgCalls.push_back(sim::SetPortCfgCall{port, *cfg});
+    return 0;
+}
+
+// ---- FDB, MAC, transmission, packet pool -------------------------------------------
+
+uint32_t swFdbGetEntry(FdbEntry* entry)
+{
+    if (!entry)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    sim::Mac mac;
+    memcpy(mac.data(), entry->mac, 6);
+    s.fdbLookups.push_back(sim::FdbLookup{mac, entry->vlan});
+    uint32_t code;
+    if (shouldFail("swFdbGetEntry", &code))
+        return code;
+    auto it = s.fdb.find({mac, entry->vlan});
+    if (it == s.fdb.end())
+        return 1;
+    entry->port = it->second.port;
+    entry->word = it->second.word;
+    return 0;
+}
+
+uint32_t getMacAddress(uint8_t* mac)
+{
+    uint32_t code;
+    if (shouldFail("getMacAddress", &code))
+        return code;
+    if (!mac)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    memcpy(mac, s.mac.data(), 6);
+    return 0;
+}
+
+uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
+{
+    uint32_t code;
+    if (shouldFail("norvikPacketSend", &code))
+        return code;
+    if (!packet)
+        return 1;
+    sim::SentPacket p;
+    p.ports = packet->ports;
+    p.sendFlags = packet->sendFlags;
+    p.vid = packet->vid;
+    if (packet->frame)
+        p.frame.assign(packet->frame, packet->frame + packet->frameLen);
+    State& s = st();
+    Guard g(s.lock);
+    s.sent.push_back(std::move(p));
+    return 0;
+}
+
+void dhcpReleasePacketPool(uint8_t* frame)
+{
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.liveFrames.find(frame);
+    if (it == s.liveFrames.end()) {
+        ++s.badReleases;
+        return;
+    }
+    ++s.releaseCount;
+    SIM_POISON(it->first, it->second.capacity);
+    s.releasedFrames.insert(*it);
+    s.liveFrames.erase(it);
+}
+
+// ---- source guard ---------------------------------------------------------------
+
+uint32_t swQTableSearchByIpAndSource(const SwQTableEntry* entry, uint32_t* index, uint32_t* found)
+{
+    uint32_t code;
+    if (shouldFail("swQTableSearchByIpAndSource", &code))
+        return code;
+    if (!entry || !index || !found)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    for (size_t i = 0; i < s.qtable.size(); ++i) {
+        const SwQTableEntry& e = s.qtable[i];
+        if (memcmp(e.ip, entry->ip, 4) == 0 && e.source == entry->source) {
+            *found = 1;
+            *index = (uint32_t)i;
+            return 0;
+        }
+    }
+    *found = 0;
+    return 0;
+}
+
+uint32_t swQTableDel(uint32_t unit, uint32_t index, uint32_t found)
+{
+    (void)unit;
+    uint32_t code;
+    if (shouldFail("swQTableDel", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    if (!found || index >= s.qtable.size())
+        return 1;
+    s.qtable.erase(s.qtable.begin() + index);
+    return 0;
+}
+
+uint32_t swQTableAdd(uint32_t unit, const SwQTableEntry* entry)
+{
+    (void)unit;
+    uint32_t code;
+    bool fail = shouldFail("swQTableAdd", &code);
+    if (fail && code != QTABLE_RESULT_EXISTS && code != QTABLE_RESULT_TOLERATED)
+        return code;
+    if (!entry)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    s.qtable.push_back(*entry);
+    return fail ? code : 0;
+}
+
+uint32_t getIncludeIpFilter(uint32_t* flag)
+{
+    uint32_t code;
+    if (shouldFail("getIncludeIpFilter", &code))
+        return code;
+    if (!flag)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *flag = s.includeIpFilter ? 1 : 0;
+    return 0;
+}
+
+uint32_t getIncludeArpDefend(uint32_t* flag)
+{
+    uint32_t code;
+    if (shouldFail("getIncludeArpDefend", &code))
+        return code;
+    if (!flag)
+        return 1;
+    State& s = st();
+    Guard g(s.lock);
+    *flag = s.includeArpDefend ? 1 : 0;
+    return 0;
+}
+
+// ---- stacking ---------------------------------------------------------------------
+
+uint32_t stkGetCurrentUnit(void)
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.unit;
+}
+
+uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
+{
+    (void)mid;
+    uint32_t code;
+    if (shouldFail("stkUsoRuntimeDataSync", &code))
+        return code;
+    if (!usoData || (usoData->len > 0 && !usoData->data))
+        return 1;
+    const uint8_t* d = static_cast<const uint8_t*>(usoData->data);
+    State& s = st();
+    Guard g(s.lock);
+    s.runtimeRecords.emplace_back(d, d + usoData->len);
+    return 0;
+}
+
+uint32_t stkUsoDataSyncCbReg(uint32_t mid, uint32_t priority, StkUsoDataSyncSetCb setCb,
+                             StkUsoDataSyncGetCb getCb, StkUsoDataSyncFreeCb freeCb)
+{
+    (void)mid;
+    (void)priority;
+    uint32_t code;
+    if (shouldFail("stkUsoDataSyncCbReg", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    s.stk.dataSyncSet = setCb;
+    s.stk.dataSyncGet = getCb;
+    s.stk.dataSyncFree = freeCb;
+    event(s, "stk_reg datasync");
+    return 0;
+}
+
+uint32_t stkUsoRuntimeDataHndReg(uint32_t mid, StkUsoRuntimeDataHnd hnd)
+{
+    (void)mid;
+    uint32_t code;
+    if (shouldFail("stkUsoRuntimeDataHndReg", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    s.stk.runtime = hnd;
+    event(s, "stk_reg runtime");
+    return 0;
+}
+
+uint32_t stkUsoAttachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    uint32_t code;
+    if (shouldFail("stkUsoAttachCbReg", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    s.stk.attach = cb;
+    event(s, "stk_reg attach");
+    return 0;
+}
+
+uint32_t stkUsoDetachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    uint32_t code;
+    if (shouldFail("stkUsoDetachCbReg", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    s.stk.detach = cb;
+    event(s, "stk_reg detach");
+    return 0;
+}
+
+uint32_t stkUsoUpdateCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    uint32_t code;
+    if (shouldFail("stkUsoUpdateCbReg", &code))
+        return code;
+    State& s = st();
+    Guard g(s.lock);
+    s.stk.update = cb;
+    event(s, "stk_reg update");
+    return 0;
+}
+
+}  // extern "C"
+
+// =========================================================================
+// Control API
+// =========================================================================
+
+namespace sim {
+
+void reset()
+{
+    State& s = st();
+    Guard g(s.lock);
+    freeEverything(s);
+    ++s.generation;
+
+    s.unit = 1;
+    s.units = {1};
+    s.portCounts.clear();
+    s.portChannels = kDefaultPortChannels;
+    s.provisioned.clear();
+    s.portNames.clear();
+    s.mac = kDefaultMac;
+
+    s.portCfg.clear();
+    s.snoopVlans.clear();
+    s.qAddStatus = 1;
+    s.includeIpFilter = false;
+    s.includeArpDefend = false;
+    s.setPortCfgCalls.clear();
+
+    s.debugFlag = 0;
+    s.switchInited = true;
+    s.processName = "swapp";
+    s.moduleName = "DHCPSNOOP";
+    s.logs.clear();
+    s.syslog.clear();
+
+    s.allocBytes = 0;
+    s.allocCount = 0;
+    s.badFrees = 0;
+    s.failures.clear();
+    s.events.clear();
+
+    s.queues.clear();
+    s.mutexes.clear();
+    s.threads.clear();
+    s.sleptMs = 0;
+
+    s.nowMs = 0;
+    s.timers.clear();
+    s.timerSerial = 0;
+
+    s.badReleases = 0;
+    s.releaseCount = 0;
+    s.sent.clear();
+
+    s.fdb.clear();
+    s.fdbLookups.clear();
+    s.qtable.clear();
+    s.stk = StkRegistrations{};
+    s.runtimeRecords.clear();
+
+    s.fileRoot.clear();
+    s.filePaths.clear();
+}
+
+// ---- switch model ----------------------------------------------------------------
+
+void setUnit(uint32_t unit)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.unit = unit;
+}
+
+void setUnits(const std::vector<uint32_t>& present)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.units = std::set<uint32_t>(present.begin(), present.end());
+}
+
+void setPortCount(uint32_t unit, uint32_t ports)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.portCounts[unit] = std::min(ports, kPortsPerUnit);
+}
+
+void setPortChannelCount(uint32_t count)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.portChannels = std::min(count, kMaxPortChannels);
+}
+
+void setProvision(up port, bool provisioned)
+{
+    State& s = st();
+    Guard g(s.lock);
+    if (provisioned)
+        s.provisioned.insert(port);
+    else
+        s.provisioned.erase(port);
+}
+
+void setPortName(up port, const std::string& name)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.portNames[port] = name;
+}
+
+void setSwitchMac(const Mac& mac)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.mac = mac;
+}
+
+Mac switchMac()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.mac;
+}
+
+up physicalPort(uint32_t unit, uint32_t port) { return UP_MAKE(UP_TYPE_PHYSICAL, unit, 0, port); }
+
+up portChannel(uint32_t number) { return UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, number); }
+
+std::string portName(up port)
+{
+    char buf[UP_STR_BUF];
+    usUp2Str(port, buf, 0);
+    return buf;
+}
+
+PortList portListOf(up port)
+{
+    PortList l;
+    memset(&l, 0, sizeof l);
+    uint32_t w, b;
+    if (portBit(port, &w, &b))
+        l.word[w] |= 1u << b;
+    return l;
+}
+
+std::vector<up> portsIn(const PortList& list)
+{
+    State& s = st();
+    Guard g(s.lock);
+    std::vector<up> out;
+    uint32_t n = flatIndexCount(s);
+    for (uint32_t i = 0; i < n; ++i) {
+        up h = handleOfIndex(s, i);
+        uint32_t w, b;
+        if (portBit(h, &w, &b) && (list.word[w] >> b) & 1u)
+            out.push_back(h);
+    }
+    return out;
+}
+
+// ---- configuration ------------------------------------------------------------------
+
+DhcpSnoopPortCfg& portCfg(up port)
+{
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.portCfg.find(port);
+    if (it == s.portCfg.end()) {
+        DhcpSnoopPortCfg c;
+        memset(&c, 0, sizeof c);
+        it = s.portCfg.emplace(port, c).first;
+    }
+    return it->second;
+}
+
+void setVlanSnooping(uint16_t vid, bool enabled)
+{
+    State& s = st();
+    Guard g(s.lock);
+    if (enabled)
+        s.snoopVlans.insert(vid);
+    else
+        s.snoopVlans.erase(vid);
+}
+
+void setQAddStatus(uint8_t status)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.qAddStatus = status;
+}
+
+void setIncludeIpFilter(bool on)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.includeIpFilter = on;
+}
+
+void setIncludeArpDefend(bool on)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.includeArpDefend = on;
+}
+
+const std::vector<SetPortCfgCall>& setPortCfgCalls() { return st().setPortCfgCalls; }
+
+// ---- logging ------------------------------------------------------------------------
+
+void setDebugFlag(uint32_t value)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.debugFlag = value;
+}
+
+void setSwitchInited(bool inited)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.switchInited = inited;
+}
+
+void setProcessName(const std::string& name)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.processName = name;
+}
+
+void setModuleName(const std::string& name)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.moduleName = name;
+}
+
+void setEcho(bool on)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.echo = on;
+}
+
+std::string LogLine::message() const
+{
+    size_t start = text.find("] ");
+    start = start == std::string::npos ? 0 : start + 2;
+    const std::string suffix = error ? kErrorSuffix : kDebugSuffix;
+    size_t end = text.size();
+    if (text.size() >= suffix.size() &&
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0)
+        end = text.size() - suffix.size();
+    if (end < start)
+        end = start;
+    return text.substr(start, end - start);
+}
+
+const std::vector<LogLine>& logs() { return st().logs; }
+
+void clearLogs()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.logs.clear();
+}
+
+std::vector<std::string> messages()
+{
+    State& s = st();
+    Guard g(s.lock);
+    std::vector<std::string> out;
+    out.reserve(s.logs.size());
+    for (const auto& l : s.logs)
+        out.push_back(l.message());
+    return out;
+}
+
+size_t countMessage(const std::string& text)
+{
+    State& s = st();
+    Guard g(s.lock);
+    size_t n = 0;
+    for (const auto& l : s.logs)
+        if (l.message() == text)
+            ++n;
+    return n;
+}
+
+bool hasMessage(const std::string& text) { return countMessage(text) > 0; }
+
+const std::vector<SyslogEntry>& syslog() { return st().syslog; }
+
+std::string syslogText(uint32_t code)
+{
+    switch (code) {
+    case DHCP_SNOOP_LOG_LOAD_OK:
+        return kLogLoadOk;
+    case DHCP_SNOOP_LOG_LOAD_FAIL:
+        return kLogLoadFail;
+    case DHCP_SNOOP_LOG_RATE_OVERFLOW:
+        return kLogRateOverflow;
+    case DHCP_SNOOP_LOG_DECLINE_OVERFLOW:
+        return kLogDeclineOverflow;
+    default:
+        return "";
+    }
+}
+
+// ---- memory -------------------------------------------------------------------------
+
+size_t outstandingAllocs()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.allocs.size();
+}
+
+size_t outstandingBytes()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.allocBytes;
+}
+
+size_t allocCount()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.allocCount;
+}
+
+size_t badFrees()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.badFrees;
+}
+
+bool isLiveAlloc(const void* p)
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.allocs.count(const_cast<void*>(p)) != 0;
+}
+
+// ---- failure injection --------------------------------------------------------------
+
+void failNext(const std::string& key, uint32_t code, int skip, int times)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.failures[key] = Failure{code, skip < 0 ? 0 : skip, times};
+}
+
+void clearFailures()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.failures.clear();
+}
+
+// ---- events -------------------------------------------------------------------------
+
+const std::vector<std::string>& events() { return st().events; }
+
+void clearEvents()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.events.clear();
+}
+
+// ---- queues and tasks -----------------------------------------------------------------
+
+PalMsgQ queueByName(const std::string& name)
+{
+    State& s = st();
+    Guard g(s.lock);
+    // The newest queue of a name wins: a module started again makes a new one.
+    for (size_t i = s.queues.size(); i > 0; --i)
+        if (s.queues[i - 1].name == name)
+            return (PalMsgQ)i;
+    return 0;
+}
+
+size_t queueDepth(PalMsgQ q)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    return queue ? queue->records.size() : 0;
+}
+
+size_t queueCapacity(PalMsgQ q)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    return queue ? queue->depth : 0;
+}
+
+uint32_t queueRecordSize(PalMsgQ q)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    return queue ? queue->recordSize : 0;
+}
+
+bool queueTake(PalMsgQ q, void* buffer, uint32_t size)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    if (!queue || queue->records.empty())
+        return false;
+    uint32_t n = std::min(size, queue->recordSize);
+    if (buffer && size) {
+        memcpy(buffer, queue->records.front().data(), n);
+        // Bytes the record does not cover are zero, never stale.
+        if (size > n)
+            memset(static_cast<uint8_t*>(buffer) + n, 0, size - n);
+    }
+    queue->records.pop_front();
+    return true;
+}
+
+std::vector<ThreadRec> threads()
+{
+    State& s = st();
+    Guard g(s.lock);
+    std::vector<ThreadRec> out;
+    for (const auto& t : s.threads)
+        out.push_back(t.rec);
+    return out;
+}
+
+bool threadLive(const std::string& name)
+{
+    State& s = st();
+    Guard g(s.lock);
+    for (const auto& t : s.threads)
+        if (t.rec.name == name && !t.rec.destroyed)
+            return true;
+    return false;
+}
+
+uint64_t sleptMs()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.sleptMs;
+}
+
+// ---- time -------------------------------------------------------------------------------
+
+uint64_t nowMs()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.nowMs;
+}
+
+std::vector<TimerRec> timers()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.timers;
+}
+
+uint64_t nextTimerDue()
+{
+    State& s = st();
+    Guard g(s.lock);
+    uint64_t due = UINT64_MAX;
+    for (const auto& t : s.timers)
+        if (t.active && t.dueMs < due)
+            due = t.dueMs;
+    return due;
+}
+
+void advanceTo(uint64_t toMs, const std::function<void()>& onFire)
+{
+    State& s = st();
+    for (;;) {
+        PalTimerCallback cb;
+        uint32_t arg;
+        size_t idx = 0;
+        uint64_t gen;
+        {
+            Guard g(s.lock);
+            bool found = false;
+            for (size_t i = 0; i < s.timers.size(); ++i) {
+                const TimerRec& t = s.timers[i];
+                // Strict less keeps the earliest-created timer on a tie.
+                if (t.active && t.dueMs <= toMs && (!found || t.dueMs < s.timers[idx].dueMs)) {
+                    idx = i;
+                    found = true;
+                }
+            }
+            if (!found) {
+                if (toMs > s.nowMs)
+                    s.nowMs = toMs;
+                return;
+            }
+            if (s.timers[idx].dueMs > s.nowMs)
+                s.nowMs = s.timers[idx].dueMs;
+            cb = s.timers[idx].callback;
+            arg = s.timers[idx].arg;
+            gen = s.generation;
+        }
+        // Foreign code runs without the sim lock.
+        if (cb)
+            cb(arg);
+        if (onFire)
+            onFire();
+        {
+            Guard g(s.lock);
+            if (gen != s.generation)
+                return;  // reset() ran meanwhile: the timer is gone
+            TimerRec& t = s.timers[idx];
+            if (t.repetitions > 0 && --t.repetitions == 0)
+                t.active = false;
+            else
+                t.dueMs += periodMs(t.period);
+        }
+    }
+}
+
+void advance(uint64_t ms, const std::function<void()>& onFire)
+{
+    advanceTo(nowMs() + ms, onFire);
+}
+
+// ---- frames and transmission ----------------------------------------------------------
+
+uint8_t* newFrame(const std::vector<uint8_t>& bytes)
+{
+    size_t cap = std::max(kFrameCapacity, bytes.size());
+    uint8_t* p = static_cast<uint8_t*>(calloc(cap, 1));
+    if (!p)
+        return nullptr;
+    if (!bytes.empty())
+        memcpy(p, bytes.data(), bytes.size());
+    State& s = st();
+    Guard g(s.lock);
+    s.liveFrames[p] = Frame{cap};
+    return p;
+}
+
+size_t framesOutstanding()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.liveFrames.size();
+}
+
+size_t badReleases()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.badReleases;
+}
+
+size_t releaseCount()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.releaseCount;
+}
+
+const std::vector<SentPacket>& sent() { return st().sent; }
+
+void clearSent()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.sent.clear();
+}
+
+// ---- forwarding database ------------------------------------------------------------
+
+void fdbSet(const Mac& mac, uint32_t vlan, up port, uint32_t word)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.fdb[{mac, vlan}] = FdbValue{port, word};
+}
+
+void fdbRemove(const Mac& mac, uint32_t vlan)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.fdb.erase({mac, vlan});
+}
+
+void fdbClear()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.fdb.clear();
+}
+
+const std::vector<FdbLookup>& fdbLookups() { return st().fdbLookups; }
+
+// ---- IP source guard ----------------------------------------------------------------
+
+const std::vector<SwQTableEntry>& qtable() { return st().qtable; }
+
+void qtableInsert(const SwQTableEntry& entry)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.qtable.push_back(entry);
+}
+
+// ---- stacking -----------------------------------------------------------------------
+
+const StkRegistrations& stkRegistrations() { return st().stk; }
+
+const std::vector<std::vector<uint8_t>>& runtimeRecords() { return st().runtimeRecords; }
+
+void clearRuntimeRecords()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.runtimeRecords.clear();
+}
+
+// ---- files ------------------------------------------------------------------------------
+
+void setFileRoot(const std::string& dir)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.fileRoot = dir;
+}
+
+}  // namespace sim

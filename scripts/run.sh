@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# The main job on its built-in default: builds the tools and runs the module
+# on the simulated switch.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/deps.sh cmake ninja-build g++ libgtest-dev libgmock-dev libpcap-dev libtomlplusplus-dev libcli11-dev
+cmake -G Ninja -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DDHCPSNOOP_TESTS=OFF >/dev/null
+ninja -C build/release dhcpsnoop-sim >/dev/null
+exec build/release/tools/dhcpsnoop-sim "$@"

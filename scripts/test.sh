@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Runs every test: the native suite with AddressSanitizer and
+# UndefinedBehaviorSanitizer, then the same suite cross-compiled for the
+# 32-bit big-endian MIPS switch and run under qemu-mips.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc 2>/dev/null || echo 2)
+
+scripts/deps.sh cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
+  g++-mips-linux-gnu qemu-user libpcap-dev libtomlplusplus-dev libcli11-dev
+
+status=0
+run_suite() {
+  local name=$1 dir=$2; shift 2
+  echo "== [$name] configure and build"
+  cmake -G Ninja -S . -B "$dir" "$@" >/dev/null
+  ninja -C "$dir" -j "$jobs"
+  echo "== [$name] test"
+  if ! (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 600); then
+    status=1
+  fi
+}
+
+run_suite native build/native -DCMAKE_BUILD_TYPE=Debug -DDHCPSNOOP_SANITIZE=ON
+run_suite mips-qemu build/mips -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/mips-linux-gnu.cmake
+
+if [ $status -ne 0 ]; then
+  echo "== some suites FAILED"
+  exit 1
+fi
+echo "== all suites passed (native with ASan+UBSan, mips under qemu-mips)"

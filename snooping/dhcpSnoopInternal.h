@@ -1,0 +1,182 @@
+/*
+ * The module's own state and helpers, shared by its source files (and read
+ * by its tests). Not for other modules.
+ */
+#ifndef SNOOPING_DHCPSNOOPINTERNAL_H
+#define SNOOPING_DHCPSNOOPINTERNAL_H
+
+#include <string.h>
+#include <sys/prctl.h>
+
+#include "snooping/dhcpSnoop.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- resources made at start-up ------------------------------------------ */
+
+extern DhcpSnoopLib DSLib;
+extern DhcpSnoopElement *tableMemPool;
+extern DhcpSnoopElement *tableMemPoolUnused;
+extern PalMutex *tableMemPoolMutex;
+extern uint32_t mallocCounter;
+extern DhcpSnoopElement **dynamicTable;
+extern DhcpSnoopElement **requestTable;
+extern PalMsgQ dhcpSnoopQueue;
+extern PalThread *DSTaskId;
+extern uint8_t *sNewData;
+extern PalMsgQ updateDynTableQ;
+extern PalMutex *upMutexId;
+extern PalThread *dynEntrySaveTask;
+extern FdbEntry *gFdbEntryPool;
+extern PalMutex *getFdbEntryMutex;
+extern PalMsgQ getFdbEntryMsgQue;
+extern PalThread *getFdbEntryTask;
+extern uint8_t initFlag;
+extern uint8_t upMsgCnt;
+extern uint32_t debugLevel;
+
+/* ---- the frame being handled (main task only) ------------------------------ */
+
+extern uint8_t *macHeader;
+extern uint8_t *ipHeader;
+extern uint8_t *udpHeader;
+extern uint8_t *dhcpHeader;
+extern uint8_t *options;
+extern uint32_t ipHeaderPos;
+extern uint32_t udpHeaderPos;
+extern uint32_t dhcpHeaderPos;
+extern uint32_t optionsPos;
+extern DHCP_SNOOP_UP_T rcvPort;
+
+/* ---- rate limits (main task only) ------------------------------------------ */
+
+extern uint32_t portCounter[DHCP_SNOOP_PORT_COUNTERS];
+extern uint32_t declineCounter[DHCP_SNOOP_PORT_COUNTERS];
+extern uint32_t logFlagPortFlow[DHCP_SNOOP_FLAG_WORDS];
+extern uint32_t decFlowFlag[DHCP_SNOOP_FLAG_WORDS];
+
+extern const uint8_t magicCookie[4];
+extern const uint8_t bcMac[6];
+
+/* Debug-level bits. */
+#define DHCP_SNOOP_DEBUG_LEVEL_ENTRY 1u
+#define DHCP_SNOOP_DEBUG_LEVEL_DUMP 2u
+
+/* Forgets every resource and all state, as before start-up. The platform
+ * owns the memory; programs that restart the module (tests) reset the
+ * platform as well. */
+void dhcpSnoopResetState(void);
+
+/* Flat rate-limit index of a port handle, kept to 8 bits (0: no index). */
+uint32_t dhcpSnoopPortIndex(DHCP_SNOOP_UP_T handle);
+
+/* ---- links shared across threads ---------------------------------------------
+ * Chain walks take no lock while other threads (stacking callbacks, the save
+ * task) may relink. Every access to a link field, a bucket head or the pool
+ * count goes through these so that it is one atomic access. */
+
+static inline DhcpSnoopElement *dhcpSnoopNext(const DhcpSnoopElement *e)
+{
+    return __atomic_load_n(&e->next, __ATOMIC_ACQUIRE);
+}
+static inline DhcpSnoopElement *dhcpSnoopPrev(const DhcpSnoopElement *e)
+{
+    return __atomic_load_n(&e->prev, __ATOMIC_ACQUIRE);
+}
+static inline void dhcpSnoopSetNext(DhcpSnoopElement *e, DhcpSnoopElement *v)
+{
+    __atomic_store_n(&e->next, v, __ATOMIC_RELEASE);
+}
+static inline void dhcpSnoopSetPrev(DhcpSnoopElement *e, DhcpSnoopElement *v)
+{
+    __atomic_store_n(&e->prev, v, __ATOMIC_RELEASE);
+}
+static inline DhcpSnoopElement *dhcpSnoopHead(DhcpSnoopElement **table, uint32_t bucket)
+{
+    return __atomic_load_n(&table[bucket], __ATOMIC_ACQUIRE);
+}
+static inline void dhcpSnoopSetHead(DhcpSnoopElement **table, uint32_t bucket, DhcpSnoopElement *v)
+{
+    __atomic_store_n(&table[bucket], v, __ATOMIC_RELEASE);
+}
+static inline uint32_t dhcpSnoopMallocCount(void)
+{
+    return __atomic_load_n(&mallocCounter, __ATOMIC_RELAXED);
+}
+static inline uint32_t dhcpSnoopDebugLevel(void)
+{
+    return __atomic_load_n(&debugLevel, __ATOMIC_RELAXED);
+}
+
+/* ---- logging ------------------------------------------------------------------
+ * Debug lines are written only with the module's debug switch on; error lines
+ * also while the switch is starting. The arguments of a line are evaluated
+ * only when it is written. */
+
+#define DHCP_SNOOP_DEBUG_PREFIX "[<%s/%s>:<%s/%s()/%d>]"
+#define DHCP_SNOOP_DEBUG_SUFFIX "\r\n"
+#define DHCP_SNOOP_ERROR_PREFIX "\x1b[31;49m[<%s/%s>:<%s/%s()/%d>]"
+#define DHCP_SNOOP_ERROR_SUFFIX "\x1b[0m\r\n"
+
+typedef struct DhcpSnoopLogBuf {
+    char threadName[32];
+    char format[256];
+} DhcpSnoopLogBuf;
+
+/* Fills the thread name and composes prefix, blank, message and suffix. */
+void dhcpSnoopLogCompose(DhcpSnoopLogBuf *buf, const char *prefix, const char *message,
+                         const char *suffix);
+uint32_t dhcpSnoopErrorEnabled(void);
+
+/* Never called: lets the compiler check each message against its arguments. */
+static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) { (void)fmt; }
+
+#define DHCP_SNOOP_LOG_LINE_(prefix, suffix, msg, ...)                                          \
+    do {                                                                                        \
+        DhcpSnoopLogBuf dsLogBuf_;                                                              \
+        if (0)                                                                                  \
+            dhcpSnoopLogFormatCheck(msg, ##__VA_ARGS__);                                        \
+        dhcpSnoopLogCompose(&dsLogBuf_, prefix, msg, suffix);                                   \
+        debugPrintf(MID_DHCP, dsLogBuf_.format, pidNameGet(pidGetCurrent()),                    \
+                    dsLogBuf_.threadName, midNameGet(MID_DHCP), __func__, (int)__LINE__,        \
+                    ##__VA_ARGS__);                                                             \
+    } while (0)
+
+#define DHCP_SNOOP_DEBUG(msg, ...)                                                              \
+    do {                                                                                        \
+        if (debugFlagGet(MID_DHCP) == 1)                                                        \
+            DHCP_SNOOP_LOG_LINE_(DHCP_SNOOP_DEBUG_PREFIX, DHCP_SNOOP_DEBUG_SUFFIX, msg,         \
+                                 ##__VA_ARGS__);                                                \
+    } while (0)
+
+#define DHCP_SNOOP_ERROR(msg, ...)                                                              \
+    do {                                                                                        \
+        if (dhcpSnoopErrorEnabled())                                                            \
+            DHCP_SNOOP_LOG_LINE_(DHCP_SNOOP_ERROR_PREFIX, DHCP_SNOOP_ERROR_SUFFIX, msg,         \
+                                 ##__VA_ARGS__);                                                \
+    } while (0)
+
+/* "Ensure %s failed." with the text of the condition. */
+#define DHCP_SNOOP_ENSURE_FAILED(condText) DHCP_SNOOP_ERROR("Ensure %s failed.", condText)
+/* "E - %d call %s failed." with a call's result and its source text. */
+#define DHCP_SNOOP_CALL_FAILED(rv, callText) DHCP_SNOOP_ERROR("E - %d call %s failed.", (int)(rv), callText)
+
+/* Runs call into rv and reports it when non-zero, with the call's own text. */
+#define DHCP_SNOOP_CALL(rv, call)                                                               \
+    do {                                                                                        \
+        (rv) = (call);                                                                          \
+        if ((rv) != 0)                                                                          \
+            DHCP_SNOOP_CALL_FAILED(rv, #call);                                                  \
+    } while (0)
+
+/* True when the debug switch is on: guards work done only for debug lines. */
+#define DHCP_SNOOP_DEBUG_ON() (debugFlagGet(MID_DHCP) == 1)
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -25,8 +25,33 @@ run_suite native build/native -DCMAKE_BUILD_TYPE=Debug -DDHCPSNOOP_SANITIZE=ON
 run_suite mips-qemu build/mips -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_TOOLCHAIN_FILE=cmake/mips-linux-gnu.cmake
 
+# The libFuzzer targets (clang): they must keep building and must not crash
+# on their seed corpus; a short run of each. New inputs go to a scratch
+# directory, never into the checked-in corpus.
+echo "== [fuzz] configure and build (clang, libFuzzer, ASan+UBSan)"
+CC=clang CXX=clang++ cmake -G Ninja -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DDHCPSNOOP_FUZZ=ON -DDHCPSNOOP_TESTS=OFF >/dev/null
+fuzz_targets=()
+for dir in fuzz/corpus/*/; do
+  fuzz_targets+=("fuzz_$(basename "$dir")")
+done
+ninja -C build/fuzz -j "$jobs" "${fuzz_targets[@]}"
+for target in "${fuzz_targets[@]}"; do
+  echo "== [fuzz] $target, 20 seconds over its corpus"
+  scratch=$(mktemp -d)
+  if ! build/fuzz/fuzz/"$target" -max_total_time=20 -max_len=1600 -print_final_stats=1 \
+      -artifact_prefix="$scratch/" "$scratch" "fuzz/corpus/${target#fuzz_}" >"$scratch/log" 2>&1; then
+    tail -n 60 "$scratch/log"
+    echo "== [fuzz] $target FAILED; inputs kept in $scratch"
+    status=1
+  else
+    grep -E '^stat::(number_of_executed_units|new_units_added)' "$scratch/log" || true
+    rm -rf "$scratch"
+  fi
+done
+
 if [ $status -ne 0 ]; then
   echo "== some suites FAILED"
   exit 1
 fi
-echo "== all suites passed (native with ASan+UBSan, mips under qemu-mips)"
+echo "== all suites passed (native with ASan+UBSan, mips under qemu-mips, fuzz targets)"

@@ -69,6 +69,12 @@ extern const uint8_t bcMac[6];
  * platform as well. */
 void dhcpSnoopResetState(void);
 
+/* The pipeline's header checks: sets the frame globals and the element's
+ * endOptPos (option bytes the UDP length claims). 0, or 1304 after the error
+ * lines; 1 for a null argument or frame. */
+uint32_t dhcpSnoopPacketValidate(DhcpSnoopPacket *inputPacket, DhcpSnoopElement *pElement,
+                                 const uint8_t *switchMac);
+
 /* Flat rate-limit index of a port handle, kept to 8 bits (0: no index). */
 uint32_t dhcpSnoopPortIndex(DHCP_SNOOP_UP_T handle);
 

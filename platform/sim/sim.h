@@ -44,6 +44,7 @@ Mac switchMac();
 up physicalPort(uint32_t unit, uint32_t port);    // UP_MAKE(1, unit, 0, port)
 up portChannel(uint32_t number);                  // UP_MAKE(2, 0, 0, number)
 std::string portName(up port);                    // what usUp2Str writes
+size_t usUp2StrCalls();                           // usUp2Str calls since reset()
 PortList portListOf(up port);                     // the port's bit, by the PortList rules
 std::vector<up> portsIn(const PortList& list);    // the ports whose bits are set
 
@@ -172,6 +173,9 @@ void advance(uint64_t ms, const std::function<void()>& onFire = {});
 
 // A frame buffer of the packet pool holding bytes (capacity at least 2048).
 uint8_t* newFrame(const std::vector<uint8_t>& bytes);
+// The same with a capacity of exactly bytes.size(): AddressSanitizer then
+// reports any read past the frame's end.
+uint8_t* newFrameExact(const std::vector<uint8_t>& bytes);
 size_t framesOutstanding();                       // handed out, not released
 size_t badReleases();                             // double or unknown releases
 size_t releaseCount();

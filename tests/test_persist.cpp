@@ -302,6 +302,25 @@ TEST_F(PersistTest, SaveTaskStopsAfterAFailedSave)
     EXPECT_EQ(readCfg(), kHeader + kEnd);
 }
 
+TEST_F(PersistTest, FailedSaveAfterTableChangesEndsAllSaving)
+{
+    startModule();
+    writeCfg(kHeader + kEnd);
+    up port = sim::physicalPort(1, 4);
+    sim::setPortName(port, "1/0/4-abcdef");
+    ASSERT_NE(fileBinding(10, 0, 0, 4, kMacA, 1, port, 50), nullptr);
+    simrun::runUntilIdle();
+    EXPECT_TRUE(simrun::saveTaskEnded());
+    EXPECT_EQ(readCfg(), kHeader + kEnd);
+
+    // Later changes still ask for a save; nobody takes the request.
+    sim::setPortName(port, "1/0/4");
+    ASSERT_NE(fileBinding(10, 0, 0, 5, kMacA, 1, port, 50), nullptr);
+    simrun::runUntilIdle();
+    EXPECT_EQ(saveRequests(), 1u);
+    EXPECT_EQ(readCfg(), kHeader + kEnd);
+}
+
 TEST_F(PersistTest, SaveTaskLoopReturnsAfterAFailedSave)
 {
     startModule();

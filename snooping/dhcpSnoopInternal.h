@@ -166,6 +166,11 @@ static inline void dhcpSnoopElementClear(DhcpSnoopElement *e)
  * chain at an element that is not: they have run off the table behind a
  * removal (into the free list or another taker's hands). */
 uint32_t dhcpSnoopElementFiledIn(const DhcpSnoopElement *e, uint32_t tableType);
+/* For an element filed in the selected table whose key (IP, VLAN, MAC) is
+ * all zero: marks it as no longer filed, links untouched, and returns 1; 0
+ * for any other element. Checked under the table lock, so that only one
+ * thread ever gives such an element back. */
+uint32_t dhcpSnoopElementClaimNull(DhcpSnoopElement *e, uint32_t tableType);
 /* dhcpSnoopElementAddNew that also says whether this call linked the element
  * (0: the caller still owns it and frees it). */
 uint32_t dhcpSnoopElementAddNewEx(DhcpSnoopElement *element, uint32_t tableType, uint32_t *filed);

@@ -91,8 +91,12 @@ uint32_t dhcpSnoopDataSyncGetCb(UsoData *usoData)
                 break;
             dhcpSnoopElementLoad(node, &view);
             if (dhcpSnoopIsNullKey(&view)) {
+                /* The copy may have caught an element being cleared by
+                 * another thread's removal: only a claimed one is given back,
+                 * as it lies (the bucket head is not repaired). */
+                if (dhcpSnoopElementClaimNull(node, DHCP_SNOOP_ELEMENT_DYNAMIC) == 0)
+                    break;
                 DHCP_SNOOP_DEBUG("Null table element, it should not have existed.");
-                /* Given back as it lies: the bucket head is not repaired. */
                 dhcpSnoopFreeMem(node);
                 node = view.next;
                 continue;

@@ -203,6 +203,27 @@ static uint32_t dhcpSnoopUnlink(DhcpSnoopElement **table, uint32_t tableType, Dh
     return 1;
 }
 
+uint32_t dhcpSnoopElementClaimNull(DhcpSnoopElement *e, uint32_t tableType)
+{
+    DhcpSnoopElement v;
+    uint32_t claimed = 0;
+
+    if (e == NULL)
+        return 0;
+    pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER);
+    if (dhcpSnoopElementFiledIn(e, tableType) != 0) {
+        dhcpSnoopElementLoad(e, &v);
+        if (v.vlan == 0 && (v.clientIp[0] | v.clientIp[1] | v.clientIp[2] | v.clientIp[3]) == 0 &&
+            (v.clientMac[0] | v.clientMac[1] | v.clientMac[2] | v.clientMac[3] | v.clientMac[4] | v.clientMac[5]) ==
+                0) {
+            dhcpSnoopSetFiled(e, 0);
+            claimed = 1;
+        }
+    }
+    pal_mutex_give_int(upMutexId);
+    return claimed;
+}
+
 /* One queued request covers any number of changes until the save task takes
  * it. */
 static void dhcpSnoopSaveTrigger(void)

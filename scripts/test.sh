@@ -50,8 +50,33 @@ for target in "${fuzz_targets[@]}"; do
   fi
 done
 
+# Stack records across byte orders: each build applies what the other made.
+interop() {
+  local name=$1 producer=$2 applier=$3 dir
+  dir=$(mktemp -d)
+  echo "== [interop] $name"
+  if ! { $producer produce "$dir" && $applier apply "$dir"; }; then
+    status=1
+  fi
+  rm -rf "$dir"
+}
+native_interop=build/native/tests/stack_interop
+mips_interop="qemu-mips build/mips/tests/stack_interop"
+interop "native produce -> mips apply" "$native_interop" "$mips_interop"
+interop "mips produce -> native apply" "$mips_interop" "$native_interop"
+
+# The stack callbacks against the main task under ThreadSanitizer; any
+# report fails the stage.
+echo "== [tsan] configure and build"
+cmake -G Ninja -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DDHCPSNOOP_TSAN=ON >/dev/null
+ninja -C build/tsan -j "$jobs" test_stack_stress
+echo "== [tsan] test"
+if ! TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1" build/tsan/tests/test_stack_stress; then
+  status=1
+fi
+
 if [ $status -ne 0 ]; then
   echo "== some suites FAILED"
   exit 1
 fi
-echo "== all suites passed (native with ASan+UBSan, mips under qemu-mips, fuzz targets)"
+echo "== all suites passed (native with ASan+UBSan, mips under qemu-mips, fuzz targets, stack interop, tsan)"

@@ -107,6 +107,84 @@ static inline void dhcpSnoopSetHead(DhcpSnoopElement **table, uint32_t bucket, D
 {
     __atomic_store_n(&table[bucket], v, __ATOMIC_RELEASE);
 }
+/* The binding fields, one atomic access each. A walker may still stand on an
+ * element that another thread has just removed, given back and handed out
+ * again: its reads must not race the pool's clearing or the new taker's
+ * filling. Takers fill through dhcpSnoopElementStore (or the wire decoder). */
+static inline void dhcpSnoopElementLoad(const DhcpSnoopElement *e, DhcpSnoopElement *v)
+{
+    uint32_t i;
+
+    v->ttl = __atomic_load_n(&e->ttl, __ATOMIC_RELAXED);
+    v->opt82Pos = __atomic_load_n(&e->opt82Pos, __ATOMIC_RELAXED);
+    v->endOptPos = __atomic_load_n(&e->endOptPos, __ATOMIC_RELAXED);
+    v->vlan = __atomic_load_n(&e->vlan, __ATOMIC_RELAXED);
+    v->type = __atomic_load_n(&e->type, __ATOMIC_RELAXED);
+    v->isReuse = __atomic_load_n(&e->isReuse, __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->clientMac); i++)
+        v->clientMac[i] = __atomic_load_n(&e->clientMac[i], __ATOMIC_RELAXED);
+    v->isBroadcast = __atomic_load_n(&e->isBroadcast, __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->clientIp); i++)
+        v->clientIp[i] = __atomic_load_n(&e->clientIp[i], __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->xid); i++)
+        v->xid[i] = __atomic_load_n(&e->xid[i], __ATOMIC_RELAXED);
+    v->reserved = __atomic_load_n(&e->reserved, __ATOMIC_RELAXED);
+    v->up = __atomic_load_n(&e->up, __ATOMIC_RELAXED);
+    v->next = dhcpSnoopNext(e);
+    v->prev = dhcpSnoopPrev(e);
+}
+/* Every field but the links. */
+static inline void dhcpSnoopElementStore(DhcpSnoopElement *e, const DhcpSnoopElement *v)
+{
+    uint32_t i;
+
+    __atomic_store_n(&e->ttl, v->ttl, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->opt82Pos, v->opt82Pos, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->endOptPos, v->endOptPos, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->vlan, v->vlan, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->type, v->type, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->isReuse, v->isReuse, __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->clientMac); i++)
+        __atomic_store_n(&e->clientMac[i], v->clientMac[i], __ATOMIC_RELAXED);
+    __atomic_store_n(&e->isBroadcast, v->isBroadcast, __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->clientIp); i++)
+        __atomic_store_n(&e->clientIp[i], v->clientIp[i], __ATOMIC_RELAXED);
+    for (i = 0; i < sizeof(e->xid); i++)
+        __atomic_store_n(&e->xid[i], v->xid[i], __ATOMIC_RELAXED);
+    __atomic_store_n(&e->reserved, v->reserved, __ATOMIC_RELAXED);
+    __atomic_store_n(&e->up, v->up, __ATOMIC_RELAXED);
+}
+/* All zero, links included (what memset would do, without the race). */
+static inline void dhcpSnoopElementClear(DhcpSnoopElement *e)
+{
+    DhcpSnoopElement zero;
+
+    memset(&zero, 0, sizeof(zero));
+    dhcpSnoopElementStore(e, &zero);
+    /* Padding before the links on 64-bit hosts; no one reads it. */
+    memset((uint8_t *)e + offsetof(DhcpSnoopElement, up) + sizeof(e->up), 0,
+           offsetof(DhcpSnoopElement, next) - offsetof(DhcpSnoopElement, up) - sizeof(e->up));
+    dhcpSnoopSetNext(e, NULL);
+    dhcpSnoopSetPrev(e, NULL);
+}
+
+/* Non-zero while the element is linked in the selected table. Walkers end a
+ * chain at an element that is not: they have run off the table behind a
+ * removal (into the free list or another taker's hands). */
+uint32_t dhcpSnoopElementFiledIn(const DhcpSnoopElement *e, uint32_t tableType);
+/* For an element filed in the selected table whose key (IP, VLAN, MAC) is
+ * all zero: marks it as no longer filed, links untouched, and returns 1; 0
+ * for any other element. Checked under the table lock, so that only one
+ * thread ever gives such an element back. */
+uint32_t dhcpSnoopElementClaimNull(DhcpSnoopElement *e, uint32_t tableType);
+/* dhcpSnoopElementAddNew that also says whether this call linked the element
+ * (0: the caller still owns it and frees it). */
+uint32_t dhcpSnoopElementAddNewEx(DhcpSnoopElement *element, uint32_t tableType, uint32_t *filed);
+/* dhcpSnoopElementDelete that also says whether this call unlinked (and
+ * freed) the element; 1 with *unlinked 0 and no message when it is not in
+ * the table (already removed by another thread). */
+uint32_t dhcpSnoopElementDeleteEx(DhcpSnoopElement *pElement, uint32_t tableType, uint32_t *unlinked);
+
 static inline uint32_t dhcpSnoopMallocCount(void)
 {
     return __atomic_load_n(&mallocCounter, __ATOMIC_RELAXED);

@@ -9,6 +9,43 @@ extern "C" {
 
 /* ---- element pool ------------------------------------------------------------- */
 
+/* Where each pool element is filed: 0 nowhere, 1 + selector in that table.
+ * Set and cleared inside the critical sections that link and unlink, and
+ * cleared when the pool hands an element out or takes it back. The record
+ * itself has no room for it: its layout is fixed. */
+static uint8_t dhcpSnoopFiled[DHCP_SNOOP_POOL_SIZE];
+
+/* The element's mark, or NULL for memory that is not a pool element. */
+static uint8_t *dhcpSnoopFiledMark(const DhcpSnoopElement *e)
+{
+    uintptr_t base = (uintptr_t)tableMemPool;
+    uintptr_t off;
+
+    if (e == NULL || base == 0 || (uintptr_t)e < base)
+        return NULL;
+    off = (uintptr_t)e - base;
+    if (off % sizeof(DhcpSnoopElement) != 0 || off / sizeof(DhcpSnoopElement) >= DHCP_SNOOP_POOL_SIZE)
+        return NULL;
+    return &dhcpSnoopFiled[off / sizeof(DhcpSnoopElement)];
+}
+
+static void dhcpSnoopSetFiled(const DhcpSnoopElement *e, uint8_t value)
+{
+    uint8_t *mark = dhcpSnoopFiledMark(e);
+
+    if (mark != NULL)
+        __atomic_store_n(mark, value, __ATOMIC_RELEASE);
+}
+
+uint32_t dhcpSnoopElementFiledIn(const DhcpSnoopElement *e, uint32_t tableType)
+{
+    uint8_t *mark = dhcpSnoopFiledMark(e);
+
+    if (mark == NULL || tableType > DHCP_SNOOP_ELEMENT_REQUEST)
+        return 0;
+    return __atomic_load_n(mark, __ATOMIC_ACQUIRE) == (uint8_t)(tableType + 1u) ? 1u : 0u;
+}
+
 DhcpSnoopElement *dhcpSnoopGetMem(void)
 {
     DhcpSnoopElement *e;
@@ -24,7 +61,8 @@ DhcpSnoopElement *dhcpSnoopGetMem(void)
     __atomic_store_n(&tableMemPoolUnused, head, __ATOMIC_RELEASE);
     if (head != NULL)
         dhcpSnoopSetPrev(head, NULL);
-    memset(e, 0, sizeof(*e));
+    dhcpSnoopElementClear(e);
+    dhcpSnoopSetFiled(e, 0);
     __atomic_fetch_add(&mallocCounter, 1u, __ATOMIC_RELAXED);
     pal_mutex_give_int(tableMemPoolMutex);
     return e;
@@ -53,7 +91,8 @@ uint32_t dhcpSnoopFreeMem(DhcpSnoopElement *element)
         dhcpSnoopSetNext(prev, next);
     if (next != NULL)
         dhcpSnoopSetPrev(next, prev);
-    memset(element, 0, sizeof(*element));
+    dhcpSnoopElementClear(element);
+    dhcpSnoopSetFiled(element, 0);
     __atomic_fetch_sub(&mallocCounter, 1u, __ATOMIC_RELAXED);
     dhcpSnoopSetNext(element, head);
     dhcpSnoopSetPrev(element, NULL);
@@ -94,11 +133,6 @@ static uint32_t dhcpSnoopBucketOf(const uint8_t clientIp[4])
     return clientIp[3] & DHCP_SNOOP_HASH_MASK;
 }
 
-static uint32_t dhcpSnoopTtlOf(const DhcpSnoopElement *e)
-{
-    return __atomic_load_n(&e->ttl, __ATOMIC_RELAXED);
-}
-
 /* The switch suspends every table change through this one status. A getter
  * that fails suspends nothing. */
 static int dhcpSnoopTableChangesSuspended(void)
@@ -108,11 +142,20 @@ static int dhcpSnoopTableChangesSuspended(void)
     return swDhcpSnoopGetQAddStatus(&status) == 0 && status == 0;
 }
 
-static void dhcpSnoopLinkAtHead(DhcpSnoopElement **table, uint32_t pos, DhcpSnoopElement *element)
+/* Links element at the head of its bucket; 0 when it is already filed
+ * somewhere or is no pool element (nothing changes then). oldHead is what it
+ * now links to. */
+static uint32_t dhcpSnoopLinkAtHead(DhcpSnoopElement **table, uint32_t tableType, uint32_t pos,
+                                    DhcpSnoopElement *element, DhcpSnoopElement **oldHead)
 {
+    uint8_t *mark = dhcpSnoopFiledMark(element);
     DhcpSnoopElement *head;
 
     pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER);
+    if (mark == NULL || __atomic_load_n(mark, __ATOMIC_ACQUIRE) != 0) {
+        pal_mutex_give_int(upMutexId);
+        return 0;
+    }
     /* The head is read under the lock: another thread may have filed one
      * since the caller looked. */
     head = dhcpSnoopHead(table, pos);
@@ -121,15 +164,28 @@ static void dhcpSnoopLinkAtHead(DhcpSnoopElement **table, uint32_t pos, DhcpSnoo
     if (head != NULL)
         dhcpSnoopSetPrev(head, element);
     dhcpSnoopSetHead(table, pos, element);
+    __atomic_store_n(mark, (uint8_t)(tableType + 1u), __ATOMIC_RELEASE);
     pal_mutex_give_int(upMutexId);
+    *oldHead = head;
+    return 1;
 }
 
-static void dhcpSnoopUnlink(DhcpSnoopElement **table, uint32_t pos, DhcpSnoopElement *element)
+/* Unlinks element from the selected table; 0 when it is not filed there
+ * (another thread removed it first, or it never was), and then nothing
+ * changes: a second removal must not give the element back twice. */
+static uint32_t dhcpSnoopUnlink(DhcpSnoopElement **table, uint32_t tableType, DhcpSnoopElement *element)
 {
     DhcpSnoopElement *next;
     DhcpSnoopElement *prev;
+    uint32_t pos;
 
     pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER);
+    if (dhcpSnoopElementFiledIn(element, tableType) == 0) {
+        pal_mutex_give_int(upMutexId);
+        return 0;
+    }
+    /* Read under the lock: a filed element's address no longer changes. */
+    pos = dhcpSnoopBucketOf(element->clientIp);
     next = dhcpSnoopNext(element);
     prev = dhcpSnoopPrev(element);
     if (next != NULL)
@@ -137,15 +193,35 @@ static void dhcpSnoopUnlink(DhcpSnoopElement **table, uint32_t pos, DhcpSnoopEle
     if (prev != NULL)
         dhcpSnoopSetNext(prev, next);
     else if (dhcpSnoopHead(table, pos) == element)
-        /* Only a node that heads its bucket moves the head: an element that
-         * is not filed here must not cut the bucket off. */
         dhcpSnoopSetHead(table, pos, next);
     /* Stale links would let the pool's defensive repair rewrite neighbours
-     * that other threads have relinked since, and lead walkers that still
-     * stand here into the free list. */
+     * that other threads have relinked since. */
     dhcpSnoopSetNext(element, NULL);
     dhcpSnoopSetPrev(element, NULL);
+    dhcpSnoopSetFiled(element, 0);
     pal_mutex_give_int(upMutexId);
+    return 1;
+}
+
+uint32_t dhcpSnoopElementClaimNull(DhcpSnoopElement *e, uint32_t tableType)
+{
+    DhcpSnoopElement v;
+    uint32_t claimed = 0;
+
+    if (e == NULL)
+        return 0;
+    pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER);
+    if (dhcpSnoopElementFiledIn(e, tableType) != 0) {
+        dhcpSnoopElementLoad(e, &v);
+        if (v.vlan == 0 && (v.clientIp[0] | v.clientIp[1] | v.clientIp[2] | v.clientIp[3]) == 0 &&
+            (v.clientMac[0] | v.clientMac[1] | v.clientMac[2] | v.clientMac[3] | v.clientMac[4] | v.clientMac[5]) ==
+                0) {
+            dhcpSnoopSetFiled(e, 0);
+            claimed = 1;
+        }
+    }
+    pal_mutex_give_int(upMutexId);
+    return claimed;
 }
 
 /* One queued request covers any number of changes until the save task takes
@@ -179,17 +255,24 @@ static void dhcpSnoopSaveTrigger(void)
     }
 }
 
-uint32_t dhcpSnoopElementAddNew(DhcpSnoopElement *element, uint32_t tableType)
+uint32_t dhcpSnoopElementAddNewEx(DhcpSnoopElement *element, uint32_t tableType, uint32_t *filed)
 {
     DhcpSnoopElement **table;
     DhcpSnoopElement *node;
     DhcpSnoopElement *next;
+    DhcpSnoopElement *oldHead = NULL;
+    DhcpSnoopElement view;
+    DhcpSnoopElement seen;
     uint8_t record[DHCP_SNOOP_RUNTIME_RECORD_SIZE];
     UsoData usoData;
     uint32_t pos;
     uint32_t rv;
+    uint32_t gone;
     uint32_t walked;
+    uint8_t *mark;
 
+    if (filed != NULL)
+        *filed = 0;
     if (element == NULL)
         return DHCP_SNOOP_E_PARAM;
     if (dhcpSnoopTableChangesSuspended())
@@ -199,6 +282,11 @@ uint32_t dhcpSnoopElementAddNew(DhcpSnoopElement *element, uint32_t tableType)
     table = dhcpSnoopTableOf(tableType);
     if (table == NULL)
         return DHCP_SNOOP_E_PARAM;
+    mark = dhcpSnoopFiledMark(element);
+    if (mark == NULL || __atomic_load_n(mark, __ATOMIC_ACQUIRE) != 0) {
+        DHCP_SNOOP_ERROR("Element is filed already or not from the pool.");
+        return DHCP_SNOOP_E_PARAM;
+    }
 
     pos = dhcpSnoopBucketOf(element->clientIp);
     DHCP_SNOOP_DEBUG("add pos:%u", pos);
@@ -208,38 +296,53 @@ uint32_t dhcpSnoopElementAddNew(DhcpSnoopElement *element, uint32_t tableType)
     } else {
         /* One IP per VLAN: the MAC is not part of the replacement key. */
         for (walked = 0; node != NULL && walked < DHCP_SNOOP_CHAIN_MAX; walked++) {
-            next = dhcpSnoopNext(node);
-            if (memcmp(node->clientIp, element->clientIp, sizeof(node->clientIp)) == 0 &&
-                node->vlan == element->vlan) {
+            if (dhcpSnoopElementFiledIn(node, tableType) == 0)
+                break;
+            dhcpSnoopElementLoad(node, &seen);
+            next = seen.next;
+            if (memcmp(seen.clientIp, element->clientIp, sizeof(seen.clientIp)) == 0 &&
+                seen.vlan == element->vlan) {
                 DHCP_SNOOP_DEBUG("del existing element.");
-                rv = dhcpSnoopElementDelete(node, tableType);
-                if (rv != 0)
+                rv = dhcpSnoopElementDeleteEx(node, tableType, &gone);
+                /* Removed by another thread meanwhile: nothing left to do. */
+                if (rv != 0 && gone != 0)
                     return rv;
             }
             node = next;
         }
         DHCP_SNOOP_DEBUG("insert to pos %d", (int)pos);
     }
-    dhcpSnoopLinkAtHead(table, pos, element);
+    /* Once linked, another thread may remove and reuse the element: what
+     * follows works on this copy. */
+    dhcpSnoopElementLoad(element, &view);
+    if (dhcpSnoopLinkAtHead(table, tableType, pos, element, &oldHead) == 0) {
+        /* Filed by another thread since the check above. */
+        DHCP_SNOOP_ERROR("Element is filed already or not from the pool.");
+        return DHCP_SNOOP_E_PARAM;
+    }
+    if (filed != NULL)
+        *filed = 1;
+    view.next = oldHead;
+    view.prev = NULL;
 
     if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0 && DHCP_SNOOP_DEBUG_ON()) {
         char port[UP_STR_BUF] = {0};
-        usUp2Str(element->up, port, 1);
+        usUp2Str(view.up, port, 1);
         DHCP_SNOOP_DEBUG("Add %s table binding entry:\n src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                          "vlan:%d, port:%s, ttl:%d",
-                         dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(element), DHCP_SNOOP_MAC_ARGS(element),
-                         (int)element->vlan, port, (int)dhcpSnoopTtlOf(element));
+                         dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view),
+                         (int)view.vlan, port, (int)view.ttl);
     }
     if (tableType == DHCP_SNOOP_ELEMENT_REQUEST)
         return DHCP_SNOOP_OK;
 
     dhcpSnoopSaveTrigger();
-    rv = dhcpSnoopAdd2QTable(element);
+    rv = dhcpSnoopAdd2QTable(&view);
     if (rv != 0 && rv != QTABLE_RESULT_TOLERATED)
         return rv;
 
     DHCP_SNOOP_DEBUG("runtime data sync.");
-    dhcpSnoopRuntimeRecordEncode(DHCP_SNOOP_SYNC_ADD, element, record);
+    dhcpSnoopRuntimeRecordEncode(DHCP_SNOOP_SYNC_ADD, &view, record);
     usoData.data = record;
     usoData.len = DHCP_SNOOP_RUNTIME_RECORD_SIZE;
     DHCP_SNOOP_CALL(rv, stkUsoRuntimeDataSync(MID_DHCP, &usoData));
@@ -248,36 +351,49 @@ uint32_t dhcpSnoopElementAddNew(DhcpSnoopElement *element, uint32_t tableType)
     return DHCP_SNOOP_OK;
 }
 
-uint32_t dhcpSnoopElementDelete(DhcpSnoopElement *pElement, uint32_t tableType)
+uint32_t dhcpSnoopElementAddNew(DhcpSnoopElement *element, uint32_t tableType)
+{
+    return dhcpSnoopElementAddNewEx(element, tableType, NULL);
+}
+
+uint32_t dhcpSnoopElementDeleteEx(DhcpSnoopElement *pElement, uint32_t tableType, uint32_t *unlinked)
 {
     DhcpSnoopElement **table;
+    DhcpSnoopElement view;
     uint8_t record[DHCP_SNOOP_RUNTIME_RECORD_SIZE];
     UsoData usoData;
     uint32_t pos;
     uint32_t rv;
     uint32_t result = DHCP_SNOOP_OK;
 
+    *unlinked = 0;
     if (pElement == NULL)
         return DHCP_SNOOP_E_PARAM;
     if (dhcpSnoopTableChangesSuspended())
         return DHCP_SNOOP_OK;
-    DHCP_SNOOP_DEBUG("Del element, client IP:%d.%d.%d.%d, type:%d", DHCP_SNOOP_IP_ARGS(pElement), (int)tableType);
+    /* Until it is unlinked here the element may be another thread's. */
+    dhcpSnoopElementLoad(pElement, &view);
+    DHCP_SNOOP_DEBUG("Del element, client IP:%d.%d.%d.%d, type:%d", DHCP_SNOOP_IP_ARGS(&view), (int)tableType);
     table = dhcpSnoopTableOf(tableType);
     if (table == NULL)
         return DHCP_SNOOP_E_PARAM;
 
-    pos = dhcpSnoopBucketOf(pElement->clientIp);
+    pos = dhcpSnoopBucketOf(view.clientIp);
     DHCP_SNOOP_DEBUG("del pos:%u", pos);
     DHCP_SNOOP_DEBUG("remove element");
-    dhcpSnoopUnlink(table, pos, pElement);
+    if (dhcpSnoopUnlink(table, tableType, pElement) == 0)
+        return DHCP_SNOOP_E_PARAM;
+    *unlinked = 1;
+    /* Ours now; only a stale aging pass may still touch its ttl. */
+    dhcpSnoopElementLoad(pElement, &view);
 
     if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0 && DHCP_SNOOP_DEBUG_ON()) {
         char port[UP_STR_BUF] = {0};
-        usUp2Str(pElement->up, port, 1);
+        usUp2Str(view.up, port, 1);
         DHCP_SNOOP_DEBUG("Delete %s table binding entry:\n src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                          "vlan:%d, port:%s, ttl:%d",
-                         dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(pElement), DHCP_SNOOP_MAC_ARGS(pElement),
-                         (int)pElement->vlan, port, (int)dhcpSnoopTtlOf(pElement));
+                         dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view),
+                         (int)view.vlan, port, (int)view.ttl);
     }
 
     if (tableType == DHCP_SNOOP_ELEMENT_DYNAMIC) {
@@ -287,7 +403,7 @@ uint32_t dhcpSnoopElementDelete(DhcpSnoopElement *pElement, uint32_t tableType)
             result = rv;
         } else {
             DHCP_SNOOP_DEBUG("runtime data sync.");
-            dhcpSnoopRuntimeRecordEncode(DHCP_SNOOP_SYNC_DELETE, pElement, record);
+            dhcpSnoopRuntimeRecordEncode(DHCP_SNOOP_SYNC_DELETE, &view, record);
             usoData.data = record;
             usoData.len = DHCP_SNOOP_RUNTIME_RECORD_SIZE;
             DHCP_SNOOP_CALL(rv, stkUsoRuntimeDataSync(MID_DHCP, &usoData));
@@ -301,59 +417,80 @@ uint32_t dhcpSnoopElementDelete(DhcpSnoopElement *pElement, uint32_t tableType)
     return result;
 }
 
+uint32_t dhcpSnoopElementDelete(DhcpSnoopElement *pElement, uint32_t tableType)
+{
+    uint32_t unlinked;
+    uint32_t rv = dhcpSnoopElementDeleteEx(pElement, tableType, &unlinked);
+
+    /* An element that is not in the table is left alone: it is either its
+     * taker's, who frees it, or already back in the pool. */
+    if (rv == DHCP_SNOOP_E_PARAM && unlinked == 0 && pElement != NULL && dhcpSnoopTableOf(tableType) != NULL)
+        DHCP_SNOOP_ERROR("Element is not in the %s table.", dhcpSnoopTableName(tableType));
+    return rv;
+}
+
+/* The first element of the chain at pos matching key (MAC compared when
+ * withMac), or NULL. */
+static DhcpSnoopElement *dhcpSnoopChainFind(DhcpSnoopElement **table, uint32_t tableType, uint32_t pos,
+                                            const DhcpSnoopElement *key, int withIp, DhcpSnoopElement *view)
+{
+    DhcpSnoopElement *node = dhcpSnoopHead(table, pos);
+    uint32_t walked;
+
+    for (walked = 0; node != NULL && walked < DHCP_SNOOP_CHAIN_MAX; walked++) {
+        if (dhcpSnoopElementFiledIn(node, tableType) == 0)
+            return NULL;
+        dhcpSnoopElementLoad(node, view);
+        if ((withIp == 0 || memcmp(view->clientIp, key->clientIp, sizeof(view->clientIp)) == 0) &&
+            view->vlan == key->vlan && memcmp(view->clientMac, key->clientMac, sizeof(view->clientMac)) == 0)
+            return node;
+        node = view->next;
+    }
+    return NULL;
+}
+
+static void dhcpSnoopFindLine(uint32_t tableType, const DhcpSnoopElement *view)
+{
+    if (DHCP_SNOOP_DEBUG_ON()) {
+        char port[UP_STR_BUF] = {0};
+        usUp2Str(view->up, port, 1);
+        DHCP_SNOOP_DEBUG("Find %s table binding entry:\n src IP:%d.%d.%d.%d, src "
+                         "MAC:%02x:%02x:%02x:%02x:%02x:%02x, vlan:%d, port:%s, ttl:%d",
+                         dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(view), DHCP_SNOOP_MAC_ARGS(view),
+                         (int)view->vlan, port, (int)view->ttl);
+    }
+}
+
 DhcpSnoopElement *dhcpSnoopElementSearchByIpVlanMac(const DhcpSnoopElement *key, uint32_t tableType)
 {
     DhcpSnoopElement **table = dhcpSnoopTableOf(tableType);
     DhcpSnoopElement *node;
-    uint32_t walked;
+    DhcpSnoopElement view;
 
     if (key == NULL || table == NULL)
         return NULL;
-    node = dhcpSnoopHead(table, dhcpSnoopBucketOf(key->clientIp));
-    for (walked = 0; node != NULL && walked < DHCP_SNOOP_CHAIN_MAX; walked++) {
-        if (memcmp(node->clientIp, key->clientIp, sizeof(node->clientIp)) == 0 && node->vlan == key->vlan &&
-            memcmp(node->clientMac, key->clientMac, sizeof(node->clientMac)) == 0) {
-            if (DHCP_SNOOP_DEBUG_ON()) {
-                char port[UP_STR_BUF] = {0};
-                usUp2Str(node->up, port, 1);
-                DHCP_SNOOP_DEBUG("Find %s table binding entry:\n src IP:%d.%d.%d.%d, src "
-                                 "MAC:%02x:%02x:%02x:%02x:%02x:%02x, vlan:%d, port:%s, ttl:%d",
-                                 dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(node), DHCP_SNOOP_MAC_ARGS(node),
-                                 (int)node->vlan, port, (int)dhcpSnoopTtlOf(node));
-            }
-            return node;
-        }
-        node = dhcpSnoopNext(node);
-    }
-    return NULL;
+    node = dhcpSnoopChainFind(table, tableType, dhcpSnoopBucketOf(key->clientIp), key, 1, &view);
+    if (node != NULL)
+        dhcpSnoopFindLine(tableType, &view);
+    return node;
 }
 
 DhcpSnoopElement *dhcpSnoopElementSearchByMacAndVlan(const DhcpSnoopElement *key, uint32_t tableType)
 {
     DhcpSnoopElement **table = dhcpSnoopTableOf(tableType);
     DhcpSnoopElement *node;
+    DhcpSnoopElement view;
     uint32_t pos;
-    uint32_t walked;
 
     if (key == NULL || table == NULL)
         return NULL;
     if (key->vlan < 1 || key->vlan > 4094)
         return NULL;
     for (pos = 0; pos < DHCP_SNOOP_HASH_SIZE; pos++) {
-        node = dhcpSnoopHead(table, pos);
-        for (walked = 0; node != NULL && walked < DHCP_SNOOP_CHAIN_MAX; walked++) {
-            if (memcmp(node->clientMac, key->clientMac, sizeof(node->clientMac)) == 0 && node->vlan == key->vlan) {
-                if (DHCP_SNOOP_DEBUG_ON()) {
-                    char port[UP_STR_BUF] = {0};
-                    usUp2Str(node->up, port, 1);
-                    DHCP_SNOOP_DEBUG("Find %s table binding entry:\n src IP:%d.%d.%d.%d, src "
-                                     "MAC:%02x:%02x:%02x:%02x:%02x:%02x, vlan:%d, port:%s, ttl:%d",
-                                     dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(node),
-                                     DHCP_SNOOP_MAC_ARGS(node), (int)node->vlan, port, (int)dhcpSnoopTtlOf(node));
-                }
-                return node;
-            }
-            node = dhcpSnoopNext(node);
+        node = dhcpSnoopChainFind(table, tableType, pos, key, 0, &view);
+        if (node != NULL) {
+            dhcpSnoopFindLine(tableType, &view);
+            return node;
         }
     }
     return NULL;
@@ -366,21 +503,26 @@ void dhcpSnoopCheckAging(uint32_t tableType)
     DhcpSnoopElement **table = dhcpSnoopTableOf(tableType);
     DhcpSnoopElement *node;
     DhcpSnoopElement *next;
+    DhcpSnoopElement view;
     uint32_t pos;
     uint32_t ttl;
     uint32_t walked;
+    uint32_t gone;
 
     if (table == NULL)
         return;
     for (pos = 0; pos < DHCP_SNOOP_HASH_SIZE; pos++) {
         node = dhcpSnoopHead(table, pos);
         for (walked = 0; node != NULL && walked < DHCP_SNOOP_CHAIN_MAX; walked++) {
-            /* A chain that has run into the free list ends here. */
-            if (node == __atomic_load_n(&tableMemPoolUnused, __ATOMIC_ACQUIRE))
+            /* A chain that has run into the free list, or behind a removal
+             * made by another thread, ends here. */
+            if (node == __atomic_load_n(&tableMemPoolUnused, __ATOMIC_ACQUIRE) ||
+                dhcpSnoopElementFiledIn(node, tableType) == 0)
                 break;
-            next = dhcpSnoopNext(node);
+            dhcpSnoopElementLoad(node, &view);
+            next = view.next;
             /* Expiry is tested before the decrement: ttl n lasts n+1 passes. */
-            ttl = dhcpSnoopTtlOf(node);
+            ttl = view.ttl;
             if (ttl == 0) {
                 if (tableType == DHCP_SNOOP_ELEMENT_DYNAMIC)
                     DHCP_SNOOP_DEBUG("Dynamic table entry expired, hash pos:%d.", (int)pos);
@@ -388,19 +530,22 @@ void dhcpSnoopCheckAging(uint32_t tableType)
                     DHCP_SNOOP_DEBUG("Request table entry expired, hash pos:%d.", (int)pos);
                 if (DHCP_SNOOP_DEBUG_ON()) {
                     char port[UP_STR_BUF] = {0};
-                    usUp2Str(node->up, port, 1);
+                    usUp2Str(view.up, port, 1);
                     DHCP_SNOOP_DEBUG("Aging entry, src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                                      "vlan:%d, port:%s, ttl:%d",
-                                     DHCP_SNOOP_IP_ARGS(node), DHCP_SNOOP_MAC_ARGS(node), (int)node->vlan, port,
+                                     DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view), (int)view.vlan, port,
                                      (int)ttl);
                 }
-                (void)dhcpSnoopElementDelete(node, tableType);
+                (void)dhcpSnoopElementDeleteEx(node, tableType, &gone);
                 if (tableType == DHCP_SNOOP_ELEMENT_DYNAMIC)
                     DHCP_SNOOP_DEBUG("dynamic ageing count =%d\n", (int)dhcpSnoopMallocCount());
                 else
                     DHCP_SNOOP_DEBUG("request ageing count =%d\n", (int)dhcpSnoopMallocCount());
             } else if (ttl < DHCP_SNOOP_TTL_FOREVER) {
-                __atomic_store_n(&node->ttl, ttl - 1, __ATOMIC_RELAXED);
+                /* Only if unchanged since read: the element may have been
+                 * removed and handed out again meanwhile. */
+                (void)__atomic_compare_exchange_n(&node->ttl, &ttl, ttl - 1, 0, __ATOMIC_RELAXED,
+                                                  __ATOMIC_RELAXED);
             }
             node = next;
         }

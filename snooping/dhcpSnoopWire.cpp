@@ -33,40 +33,49 @@ uint32_t dhcpSnoopGetU32(const uint8_t *p)
 
 uint32_t dhcpSnoopElementEncode(const DhcpSnoopElement *element, uint8_t out[DHCP_SNOOP_ELEMENT_IMAGE_SIZE])
 {
+    DhcpSnoopElement e;
+
     if (element == NULL || out == NULL)
         return DHCP_SNOOP_E_PARAM;
+    /* Exports walk the tables while other threads age and relink them. */
+    dhcpSnoopElementLoad(element, &e);
     memset(out, 0, DHCP_SNOOP_ELEMENT_IMAGE_SIZE);
-    /* ttl runs down on the main task while other threads export. */
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_TTL, __atomic_load_n(&element->ttl, __ATOMIC_RELAXED));
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_OPT82_POS, element->opt82Pos);
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_END_OPT_POS, element->endOptPos);
-    dhcpSnoopPutU16(out + DHCP_SNOOP_IMG_VLAN, element->vlan);
-    out[DHCP_SNOOP_IMG_TYPE] = element->type;
-    out[DHCP_SNOOP_IMG_IS_REUSE] = element->isReuse;
-    memcpy(out + DHCP_SNOOP_IMG_CLIENT_MAC, element->clientMac, sizeof(element->clientMac));
-    out[DHCP_SNOOP_IMG_IS_BROADCAST] = element->isBroadcast;
-    memcpy(out + DHCP_SNOOP_IMG_CLIENT_IP, element->clientIp, sizeof(element->clientIp));
-    memcpy(out + DHCP_SNOOP_IMG_XID, element->xid, sizeof(element->xid));
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_UP, element->up);
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_TTL, e.ttl);
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_OPT82_POS, e.opt82Pos);
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_END_OPT_POS, e.endOptPos);
+    dhcpSnoopPutU16(out + DHCP_SNOOP_IMG_VLAN, e.vlan);
+    out[DHCP_SNOOP_IMG_TYPE] = e.type;
+    out[DHCP_SNOOP_IMG_IS_REUSE] = e.isReuse;
+    memcpy(out + DHCP_SNOOP_IMG_CLIENT_MAC, e.clientMac, sizeof(e.clientMac));
+    out[DHCP_SNOOP_IMG_IS_BROADCAST] = e.isBroadcast;
+    memcpy(out + DHCP_SNOOP_IMG_CLIENT_IP, e.clientIp, sizeof(e.clientIp));
+    memcpy(out + DHCP_SNOOP_IMG_XID, e.xid, sizeof(e.xid));
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_UP, e.up);
     /* The switch's pointers are 32 bits; a wider host sends their low half. */
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_NEXT, (uint32_t)(uintptr_t)dhcpSnoopNext(element));
-    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_PREV, (uint32_t)(uintptr_t)dhcpSnoopPrev(element));
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_NEXT, (uint32_t)(uintptr_t)e.next);
+    dhcpSnoopPutU32(out + DHCP_SNOOP_IMG_PREV, (uint32_t)(uintptr_t)e.prev);
     return DHCP_SNOOP_OK;
 }
 
 uint32_t dhcpSnoopElementDecode(const uint8_t in[DHCP_SNOOP_ELEMENT_IMAGE_SIZE], DhcpSnoopElement *element)
 {
+    DhcpSnoopElement e;
+
     if (in == NULL || element == NULL)
         return DHCP_SNOOP_E_PARAM;
-    element->ttl = dhcpSnoopGetU32(in + DHCP_SNOOP_IMG_TTL);
-    element->vlan = dhcpSnoopGetU16(in + DHCP_SNOOP_IMG_VLAN);
-    element->type = in[DHCP_SNOOP_IMG_TYPE];
-    element->isReuse = in[DHCP_SNOOP_IMG_IS_REUSE];
-    memcpy(element->clientMac, in + DHCP_SNOOP_IMG_CLIENT_MAC, sizeof(element->clientMac));
-    element->isBroadcast = in[DHCP_SNOOP_IMG_IS_BROADCAST];
-    memcpy(element->clientIp, in + DHCP_SNOOP_IMG_CLIENT_IP, sizeof(element->clientIp));
-    memcpy(element->xid, in + DHCP_SNOOP_IMG_XID, sizeof(element->xid));
-    element->up = dhcpSnoopGetU32(in + DHCP_SNOOP_IMG_UP);
+    /* The receiver's transient offsets and reserved byte stay as they are;
+     * the fields are stored one atomic access each, like every taker's. */
+    dhcpSnoopElementLoad(element, &e);
+    e.ttl = dhcpSnoopGetU32(in + DHCP_SNOOP_IMG_TTL);
+    e.vlan = dhcpSnoopGetU16(in + DHCP_SNOOP_IMG_VLAN);
+    e.type = in[DHCP_SNOOP_IMG_TYPE];
+    e.isReuse = in[DHCP_SNOOP_IMG_IS_REUSE];
+    memcpy(e.clientMac, in + DHCP_SNOOP_IMG_CLIENT_MAC, sizeof(e.clientMac));
+    e.isBroadcast = in[DHCP_SNOOP_IMG_IS_BROADCAST];
+    memcpy(e.clientIp, in + DHCP_SNOOP_IMG_CLIENT_IP, sizeof(e.clientIp));
+    memcpy(e.xid, in + DHCP_SNOOP_IMG_XID, sizeof(e.xid));
+    e.up = dhcpSnoopGetU32(in + DHCP_SNOOP_IMG_UP);
+    dhcpSnoopElementStore(element, &e);
     return DHCP_SNOOP_OK;
 }
 

@@ -383,9 +383,41 @@ TEST_F(TableTest, DeletingAnUnfiledElementLeavesItsBucketAlone)
 {
     DhcpSnoopElement *filed = file({10, 0, 0, 46}, 1, kMacA, port1);
     DhcpSnoopElement *loose = make({10, 0, 3, 46}, 1, kMacB, port1);
-    EXPECT_EQ(dhcpSnoopElementDelete(loose, DHCP_SNOOP_ELEMENT_DYNAMIC), 0u);
+    sim::setDebugFlag(1);
+    // Not in the table: refused and left to its taker, never given back twice.
+    EXPECT_EQ(dhcpSnoopElementDelete(loose, DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_TRUE(sim::hasMessage("Element is not in the dynamic table."));
     EXPECT_EQ(chain(DHCP_SNOOP_ELEMENT_DYNAMIC, 46), std::vector<DhcpSnoopElement *>{filed});
+    EXPECT_EQ(mallocCounter, 2u);
+    EXPECT_EQ(loose->vlan, 1);
+    EXPECT_EQ(dhcpSnoopFreeMem(loose), 0u);
     EXPECT_EQ(mallocCounter, 1u);
+}
+
+TEST_F(TableTest, SecondDeleteOfTheSameElementChangesNothing)
+{
+    DhcpSnoopElement *e = file({10, 0, 0, 47}, 1, kMacA, port1);
+    ASSERT_EQ(dhcpSnoopElementDelete(e, DHCP_SNOOP_ELEMENT_DYNAMIC), 0u);
+    uint32_t freeBefore = freeListCount();
+    EXPECT_EQ(dhcpSnoopElementDelete(e, DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(freeListCount(), freeBefore);
+    EXPECT_EQ(mallocCounter, 0u);
+    // Filed in the other table only: not this one's to remove.
+    DhcpSnoopElement *r = file({10, 0, 0, 48}, 1, kMacA, port1, 100, DHCP_SNOOP_ELEMENT_REQUEST);
+    EXPECT_EQ(dhcpSnoopElementDelete(r, DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 1u);
+}
+
+TEST_F(TableTest, FilingAnElementTwiceIsRefused)
+{
+    DhcpSnoopElement *e = file({10, 0, 0, 49}, 1, kMacA, port1);
+    EXPECT_EQ(dhcpSnoopElementAddNew(e, DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(chain(DHCP_SNOOP_ELEMENT_DYNAMIC, 49), std::vector<DhcpSnoopElement *>{e});
+    DhcpSnoopElement outside;
+    memset(&outside, 0, sizeof outside);
+    outside.vlan = 1;
+    EXPECT_EQ(dhcpSnoopElementAddNew(&outside, DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
 }
 
 TEST_F(TableTest, FailedAddSyncKeepsTheBindingFiled)

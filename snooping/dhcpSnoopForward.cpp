@@ -453,19 +453,21 @@ static uint32_t dhcpSnoopOp82FrameFits(const DhcpSnoopPacket *pkt, const DhcpSno
     uint32_t len = pkt->frameLen;
     uint32_t udpEnd;
 
-    if (len > DHCP_SNOOP_NEW_DATA_SIZE || ipHeaderPos < DHCP_SNOOP_ETH_HEADER_LEN || ipHeaderPos + 20u > len)
+    /* Compared by differences: no offset may wrap past the checks. */
+    if (len > DHCP_SNOOP_NEW_DATA_SIZE || ipHeaderPos < DHCP_SNOOP_ETH_HEADER_LEN || ipHeaderPos > len ||
+        len - ipHeaderPos < 20u)
         return 0;
     if ((frame[ipHeaderPos] & 0x0Fu) < 5u || udpHeaderPos != ipHeaderPos + (frame[ipHeaderPos] & 0x0Fu) * 4u ||
         udpHeaderPos + 8u > len)
         return 0;
     udpEnd = udpHeaderPos + dhcpSnoopGet16(frame + udpHeaderPos + 4);
-    if (udpEnd > len || optionsPos < udpHeaderPos + 8u || ele->endOptPos < optionsPos + 4u ||
-        ele->endOptPos >= udpEnd || frame[ele->endOptPos] != DHCP_SNOOP_OPT_END)
+    if (udpEnd > len || optionsPos < udpHeaderPos + 8u || optionsPos > udpEnd || ele->endOptPos >= udpEnd ||
+        ele->endOptPos < optionsPos || ele->endOptPos - optionsPos < 4u || frame[ele->endOptPos] != DHCP_SNOOP_OPT_END)
         return 0;
     if (withOp82) {
-        if (ele->opt82Pos < optionsPos + 4u || ele->opt82Pos + 2u > ele->endOptPos ||
-            frame[ele->opt82Pos] != DHCP_SNOOP_OPT_RELAY_AGENT ||
-            ele->opt82Pos + 2u + frame[ele->opt82Pos + 1] > ele->endOptPos)
+        if (ele->opt82Pos < optionsPos + 4u || ele->opt82Pos >= ele->endOptPos ||
+            ele->endOptPos - ele->opt82Pos < 2u || frame[ele->opt82Pos] != DHCP_SNOOP_OPT_RELAY_AGENT ||
+            frame[ele->opt82Pos + 1] + 2u > ele->endOptPos - ele->opt82Pos)
             return 0;
     }
     return 1;

@@ -825,13 +825,14 @@ TEST_F(Option82Test, Option82PositionsOutsideTheOptionsAreRefused)
     // Inside file (as the parser records an overloaded one), on a byte that
     // is not 82, past END, past the frame.
     op82(kPort5, 1, DHCP_SNOOP_OP82_POLICY_REPLACE);
-    for (int which = 0; which < 4; which++) {
+    for (int which = 0; which < 5; which++) {
         SCOPED_TRACE(which);
         sim::clearSent();
         fb::Frame f = fb::request().relayAgent(old);
         f.file({82, 3, 1, 1, 7});
         load(f, kPort5, 10);
-        const uint32_t positions[] = {dhcpHeaderPos + 108, ele.opt82Pos + 1, ele.endOptPos + 1, 60000};
+        const uint32_t positions[] = {dhcpHeaderPos + 108, ele.opt82Pos + 1, ele.endOptPos + 1, 60000,
+                                      0xFFFFFFFEu};
         ele.opt82Pos = positions[which];
         EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
         expectSentUnchanged();
@@ -840,11 +841,34 @@ TEST_F(Option82Test, Option82PositionsOutsideTheOptionsAreRefused)
         fb::Frame s = fb::ack().relayAgent(old);
         s.file({82, 3, 1, 1, 7});
         load(s, kPort5, 10);
-        const uint32_t spos[] = {dhcpHeaderPos + 108, ele.opt82Pos + 1, ele.endOptPos + 1, 60000};
+        const uint32_t spos[] = {dhcpHeaderPos + 108, ele.opt82Pos + 1, ele.endOptPos + 1, 60000, 0xFFFFFFFEu};
         ele.opt82Pos = spos[which];
         EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 1u);
         EXPECT_TRUE(sim::sent().empty());
     }
+}
+
+TEST_F(Option82Test, HeaderOffsetsOutsideTheFrameAreNotRebuilt)
+{
+    op82(kPort5, 1);
+    for (uint32_t pos : {0u, 13u, 2000u, 0xFFFFFFF0u}) {
+        SCOPED_TRACE(pos);
+        sim::clearSent();
+        load(fb::discover(), kPort5, 10);
+        ipHeaderPos = pos;
+        EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+        expectSentUnchanged();
+    }
+    sim::clearSent();
+    load(fb::discover(), kPort5, 10);
+    udpHeaderPos += 4;  // disagrees with the IP header length
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+    expectSentUnchanged();
+    sim::clearSent();
+    load(fb::discover(), kPort5, 10);
+    optionsPos = 0xFFFFFFF0u;
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+    expectSentUnchanged();
 }
 
 TEST_F(Option82Test, ShortIpHeaderIsNotRebuilt)

@@ -140,7 +140,10 @@ static int dhcpSnoopPolicyIsLinked(const DhcpSnoopElement *element, DhcpSnoopEle
  * out like any other entry. */
 static void dhcpSnoopPolicyPutBack(DhcpSnoopElement *tempElement)
 {
-    if (dhcpSnoopPolicyIsLinked(tempElement, requestTable) || dhcpSnoopPolicyIsLinked(tempElement, dynamicTable))
+    /* Only a REQUEST and an ACK are ever filed, each in its own table. */
+    if (tempElement->type == DHCP_SNOOP_TYPE_REQUEST && dhcpSnoopPolicyIsLinked(tempElement, requestTable))
+        return;
+    if (tempElement->type == DHCP_SNOOP_TYPE_ACK && dhcpSnoopPolicyIsLinked(tempElement, dynamicTable))
         return;
     dhcpSnoopFreeMem(tempElement);
 }
@@ -339,7 +342,9 @@ uint32_t dhcpSnoopTableManage(DhcpSnoopPacket *inputPacket, DhcpSnoopElement *te
     uint8_t trust = 0;
     uint32_t rv;
 
-    /* The element is ours from here on, whatever happens. */
+    /* The element is ours from here on, whatever happens: filed or given
+     * back on every exit, so the caller never frees it, not even after an
+     * error (it may be filed by then). */
     if (tempElement == NULL)
         return DHCP_SNOOP_E_PARAM;
     if (inputPacket == NULL) {

@@ -10,7 +10,10 @@
 # tcpdump on the switch side of each veth records only the frames received
 # from that port (-Q in), which is what dhcpsnoop-replay wants per port.
 #
-# Run as root: sudo examples/make-captures.sh [OUTDIR]   (default: examples/)
+# Run as root: sudo examples/make-captures.sh [EXAMPLES_DIR]   (default: examples/)
+# It writes basic/1_0_1.pcap .. basic/1_0_4.pcap (named after the port they
+# were received on) and option82/1_0_1.pcap, 1_0_3.pcap: the real server and
+# the udhcpc client alone, for the option 82 example.
 # Only addresses of 198.18.0.0/15 (reserved for benchmarking) are used.
 set -euo pipefail
 
@@ -138,12 +141,17 @@ done
 pids=()
 [ -f "$work/dhclient.pid" ] && kill "$(cat "$work/dhclient.pid")" 2>/dev/null || true
 
+mkdir -p "$out/basic" "$out/option82"
 for n in 1 2 3 4; do
-  cp "$work/port$n.pcap" "$out/port$n.pcap"
+  cp "$work/port$n.pcap" "$out/basic/1_0_$n.pcap"
 done
+# The option 82 example: only the exchange of the udhcpc client (port 3).
+cp "$work/port3.pcap" "$out/option82/1_0_3.pcap"
+tcpdump -q -Z root -r "$work/port1.pcap" -w "$out/option82/1_0_1.pcap" ether host 02:00:c6:12:00:03 \
+  2>/dev/null
 echo "== server log"; cat "$work/server.log"
 echo "== rogue log"; cat "$work/rogue.log"
 echo "== captures in $out"
-for n in 1 2 3 4; do
-  tcpdump -n -e -r "$out/port$n.pcap" 2>/dev/null | sed "s/^/port$n: /"
+for f in "$out"/basic/*.pcap "$out"/option82/*.pcap; do
+  tcpdump -n -e -r "$f" 2>/dev/null | sed "s|^|${f#"$out"/}: |"
 done

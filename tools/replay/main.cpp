@@ -47,18 +47,6 @@ std::string examplesDir()
     return "examples";
 }
 
-bool writeFile(const fs::path& path, const std::string& text, std::string& error)
-{
-    std::ofstream o(path, std::ios::binary | std::ios::trunc);
-    o << text;
-    o.close();
-    if (!o) {
-        error = path.string() + ": write error";
-        return false;
-    }
-    return true;
-}
-
 int fail(int code, const std::string& message)
 {
     std::cerr << "dhcpsnoop-replay: " << message << "\n";
@@ -129,17 +117,8 @@ int main(int argc, char** argv)
             return fail(kUsage, "example " + dir.string() +
                                     ": no such directory (set DHCPSNOOP_EXAMPLES to the "
                                     "examples directory)");
-        if (!swcfg::loadSwitchConfig((dir / "switch.toml").string(), cfg, error))
-            return fail(kBadConfig, error);
-        for (const auto& p : cfg.ports) {
-            fs::path cap = dir / replay::portFileName(p.name);
-            if (fs::exists(cap)) {
-                inputs.push_back({p.name, cap.filename().string()});
-                paths.push_back(cap.string());
-            }
-        }
-        if (inputs.empty())
-            return fail(kUsage, "example " + dir.string() + " holds no capture named after a port");
+        if (!replay::loadExample(dir.string(), cfg, inputs, paths, error))
+            return fail(error.find("switch.toml") != std::string::npos ? kBadConfig : kUsage, error);
         std::cout << "Example " << dir.string() << "\n";
     } else {
         if (!swcfg::loadSwitchConfig(configPath, cfg, error))
@@ -182,28 +161,8 @@ int main(int argc, char** argv)
     std::cout << replay::summary(cfg, inputs, r);
 
     if (!outDir.empty()) {
-        std::error_code ec;
-        fs::create_directories(outDir, ec);
-        if (ec)
-            return fail(kBadOutput, outDir + ": " + ec.message());
-        for (const auto& kv : r.stats) {
-            auto it = r.sent.find(kv.first);
-            static const std::vector<replay::SentFrame> none;
-            fs::path p = fs::path(outDir) / replay::portFileName(sim::portName(kv.first));
-            if (!replay::writeCapture(p.string(), it == r.sent.end() ? none : it->second, error))
-                return fail(kBadOutput, error);
-        }
-        if (!writeFile(fs::path(outDir) / "bindings.json", replay::bindingsJson(r), error) ||
-            !writeFile(fs::path(outDir) / "events.json", replay::eventsJson(r, inputs), error))
+        if (!replay::writeOutputs(outDir, inputs, r, error))
             return fail(kBadOutput, error);
-        fs::path bf = fs::path(outDir) / replay::bindingFileName();
-        if (r.bindingFileWritten) {
-            if (!writeFile(bf, r.bindingFile, error))
-                return fail(kBadOutput, error);
-        } else {
-            // A binding file of an earlier run would pass for this one's.
-            fs::remove(bf, ec);
-        }
         std::cout << "\nOutputs in " << outDir << "\n";
     }
     return kOk;

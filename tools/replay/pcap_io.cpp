@@ -79,3 +79,84 @@ bool writeCapture(const std::string& path, const std::vector<SentFrame>& frames,
 }
 
 }  // namespace replay
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/sim/sim.h"
+
+namespace replay {
+
+namespace fs = std::filesystem;
+
+bool loadExample(const std::string& dir, swcfg::SwitchConfig& cfg, std::vector<Input>& inputs,
+                 std::vector<std::string>& paths, std::string& error)
+{
+    if (!fs::is_directory(dir)) {
+        error = dir + ": no such example directory";
+        return false;
+    }
+    if (!swcfg::loadSwitchConfig((fs::path(dir) / "switch.toml").string(), cfg, error))
+        return false;
+    for (const auto& p : cfg.ports) {
+        fs::path cap = fs::path(dir) / portFileName(p.name);
+        if (fs::exists(cap)) {
+            inputs.push_back({p.name, cap.filename().string()});
+            paths.push_back(cap.string());
+        }
+    }
+    if (inputs.empty()) {
+        error = dir + ": no capture named after a configured port (e.g. 1_0_3.pcap)";
+        return false;
+    }
+    return true;
+}
+
+namespace {
+
+bool writeText(const fs::path& path, const std::string& text, std::string& error)
+{
+    std::ofstream o(path, std::ios::binary | std::ios::trunc);
+    o << text;
+    o.close();
+    if (!o) {
+        error = path.string() + ": write error";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool writeOutputs(const std::string& dir, const std::vector<Input>& inputs, const Result& r,
+                  std::string& error)
+{
+    std::error_code ec;
+    fs::create_directories(dir, ec);
+    if (ec) {
+        error = dir + ": " + ec.message();
+        return false;
+    }
+    static const std::vector<SentFrame> none;
+    for (const auto& kv : r.stats) {
+        auto it = r.sent.find(kv.first);
+        fs::path p = fs::path(dir) / portFileName(sim::portName(kv.first));
+        if (!writeCapture(p.string(), it == r.sent.end() ? none : it->second, error))
+            return false;
+    }
+    if (!writeText(fs::path(dir) / "bindings.json", bindingsJson(r), error) ||
+        !writeText(fs::path(dir) / "events.json", eventsJson(r, inputs), error))
+        return false;
+    fs::path bf = fs::path(dir) / bindingFileName();
+    if (r.bindingFileWritten)
+        return writeText(bf, r.bindingFile, error);
+    // A binding file of an earlier run would pass for this one's.
+    fs::remove(bf, ec);
+    if (ec) {
+        error = bf.string() + ": " + ec.message();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace replay

@@ -17,3 +17,18 @@ bool writeCapture(const std::string& path, const std::vector<SentFrame>& frames,
                   std::string& error);
 
 }  // namespace replay
+
+namespace replay {
+
+// A shipped example: a directory holding switch.toml and, for each port that
+// has one, the frames received on it in <port file name> (1_0_3.pcap).
+bool loadExample(const std::string& dir, swcfg::SwitchConfig& cfg, std::vector<Input>& inputs,
+                 std::vector<std::string>& paths, std::string& error);
+
+// Writes the outputs of a run into dir (created when missing): one pcap per
+// port, bindings.json, events.json and the binding file (an old one is
+// removed when the module wrote none).
+bool writeOutputs(const std::string& dir, const std::vector<Input>& inputs, const Result& r,
+                  std::string& error);
+
+}  // namespace replay

@@ -76,8 +76,9 @@ Ingress ingress(const std::vector<uint8_t>& f)
     if (f.size() >= 18 && rd16(f, 12) == kTpid) {
         in.tagged = true;
         in.vid = rd16(f, 14) & 0x0FFF;
-        in.untagged.assign(f.begin(), f.begin() + 12);
-        in.untagged.insert(in.untagged.end(), f.begin() + 16, f.end());
+        in.untagged.resize(f.size() - 4);
+        std::copy(f.begin(), f.begin() + 12, in.untagged.begin());
+        std::copy(f.begin() + 16, f.end(), in.untagged.begin() + 12);
     } else {
         in.untagged = f;
     }
@@ -87,13 +88,15 @@ Ingress ingress(const std::vector<uint8_t>& f)
 
 std::vector<uint8_t> withTag(const std::vector<uint8_t>& f, uint16_t vid)
 {
-    std::vector<uint8_t> out(f.begin(), f.begin() + std::min<size_t>(12, f.size()));
-    out.push_back(0x81);
-    out.push_back(0x00);
-    out.push_back((uint8_t)(vid >> 8));
-    out.push_back((uint8_t)vid);
-    if (f.size() > 12)
-        out.insert(out.end(), f.begin() + 12, f.end());
+    if (f.size() < 12)
+        return f;
+    std::vector<uint8_t> out(f.size() + 4);
+    std::copy(f.begin(), f.begin() + 12, out.begin());
+    out[12] = (uint8_t)(kTpid >> 8);
+    out[13] = (uint8_t)kTpid;
+    out[14] = (uint8_t)(vid >> 8);
+    out[15] = (uint8_t)vid;
+    std::copy(f.begin() + 12, f.end(), out.begin() + 16);
     return out;
 }
 

@@ -27,7 +27,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 1
 fi
 
-"$here/../scripts/deps.sh" dnsmasq-base busybox isc-dhcp-client tcpdump iproute2
+"$here/../scripts/deps.sh" dnsmasq-base busybox isc-dhcp-client tcpdump iproute2 ethtool
 
 tag="dsr$$"
 sw="$tag-sw"
@@ -90,6 +90,9 @@ for n in 1 2 3 4; do
   ip -n "$sw" link set "sw-p$n" master br0 up
   ip -n "$ns" link set lo up
   ip -n "$ns" link set eth0 up
+  # veth leaves UDP checksums to an offload that never happens: without
+  # this the captures would hold checksums no real wire carries.
+  ip netns exec "$ns" ethtool -K eth0 tx off >/dev/null
 done
 ip netns exec "$sw" sysctl -qw net.ipv6.conf.br0.disable_ipv6=1
 

@@ -1,0 +1,600 @@
+// The replay: frames received on ports go through the module on the simulated
+// switch; what leaves, what is dropped and why, the bindings, the outputs.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/fixture.h"
+#include "support/frame_builder.h"
+#include "tools/common/switch_config.h"
+#include "tools/replay/replay.h"
+#ifdef DHCPSNOOP_HAVE_PCAP
+#include "tools/replay/pcap_io.h"
+#endif
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* kSwitch = R"([switch]
+mac = "02:00:c6:12:ff:01"
+snooping_vlans = [10, 20]
+
+[[port]]
+name = "1/0/1"          # the server, also on VLAN 20 with a tag
+vlan = 10
+tagged = [20]
+trust = true
+option82 = true
+
+[[port]]
+name = "1/0/2"          # a rogue server
+vlan = 10
+
+[[port]]
+name = "1/0/3"          # a client
+vlan = 10
+option82 = true
+
+[[port]]
+name = "1/0/4"          # a client in VLAN 20
+vlan = 20
+)";
+
+const fb::Mac kClient = {0x02, 0x00, 0xc6, 0x12, 0x00, 0x03};
+const fb::Mac kServer = {0x02, 0x00, 0xc6, 0x12, 0x00, 0x01};
+const fb::Mac kRogue = {0x02, 0x00, 0xc6, 0x12, 0x00, 0x02};
+const fb::Mac kBroadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+
+class Replay : public SnoopTest {
+protected:
+    void SetUp() override
+    {
+        SnoopTest::SetUp();
+        std::string error;
+        ASSERT_TRUE(swcfg::parseSwitchConfig(kSwitch, "switch.toml", cfg, error)) << error;
+        inputs = {{"1/0/1", "server.pcap"}, {"1/0/2", "rogue.pcap"}, {"1/0/3", "client.pcap"},
+                  {"1/0/4", "vlan20.pcap"}};
+    }
+
+    // A frame received on input `in` (0 server, 1 rogue, 2 client, 3 VLAN 20)
+    // `ms` after the start.
+    void add(size_t in, uint64_t ms, const fb::Bytes& bytes)
+    {
+        replay::Frame f;
+        f.input = in;
+        f.number = ++numbers[in];
+        f.tsUs = kT0 + (int64_t)ms * 1000;
+        f.bytes = bytes;
+        frames.push_back(f);
+    }
+
+    bool go(uint64_t drainMs = 0)
+    {
+        replay::Options opt;
+        opt.drainMs = drainMs;
+        std::string error;
+        bool ok = replay::run(cfg, inputs, frames, opt, r, error);
+        EXPECT_TRUE(ok) << error;
+        return ok;
+    }
+
+    const std::vector<replay::SentFrame>& sentOn(const char* port)
+    {
+        static const std::vector<replay::SentFrame> none;
+        up h;
+        EXPECT_TRUE(swcfg::parsePortName(port, &h));
+        auto it = r.sent.find(h);
+        return it == r.sent.end() ? none : it->second;
+    }
+
+    const replay::PortStats& stats(const char* port)
+    {
+        up h;
+        EXPECT_TRUE(swcfg::parsePortName(port, &h));
+        return r.stats[h];
+    }
+
+    static fb::Params params()
+    {
+        fb::Params p;
+        p.clientMac = kClient;
+        p.serverMac = kServer;
+        p.clientIp = fb::ip(198, 18, 0, 120);
+        p.serverIp = fb::ip(198, 18, 0, 1);
+        p.xid = 0x0badcafe;
+        p.lease = 3600;
+        return p;
+    }
+
+    static constexpr int64_t kT0 = 1700000000LL * 1000000;
+    swcfg::SwitchConfig cfg;
+    std::vector<replay::Input> inputs;
+    std::vector<replay::Frame> frames;
+    uint32_t numbers[4] = {0, 0, 0, 0};
+    replay::Result r;
+};
+
+TEST_F(Replay, OtherFramesAreCountedAndIgnored)
+{
+    fb::Bytes arp = fb::discover(params()).build();
+    arp.resize(42);
+    fb::set16(arp, 12, 0x0806);
+    add(2, 0, arp);
+    fb::Bytes ntp = fb::discover(params()).srcPort(123).dstPort(123).build();
+    add(2, 5, ntp);
+    fb::Bytes v6 = fb::discover(params()).etherType(0x86DD).build();
+    add(2, 6, v6);
+    // A later fragment carries no UDP header: not trapped.
+    add(2, 7, fb::discover(params()).fragment(0x0010).build());
+    fb::Bytes runt(10, 0xff);
+    add(2, 8, runt);
+    ASSERT_TRUE(go());
+    EXPECT_EQ(stats("1/0/3").in, 5u);
+    EXPECT_EQ(stats("1/0/3").notDhcp, 5u);
+    EXPECT_EQ(stats("1/0/3").dropped, 0u);
+    EXPECT_TRUE(r.drops.empty());
+    EXPECT_TRUE(r.sent.empty());
+    EXPECT_EQ(r.frames, 5u);
+}
+
+TEST_F(Replay, TaggedFrameOnAPortWithoutItsVlanIsRefused)
+{
+    add(2, 0, fb::discover(params()).vlan(20).build());   // 1/0/3 carries only 10
+    add(0, 10, fb::discover(params()).vlan(30).build());  // 1/0/1 carries 10 and 20
+    ASSERT_TRUE(go());
+    ASSERT_EQ(r.drops.size(), 2u);
+    EXPECT_EQ(r.drops[0].reason, "VLAN 20 not carried by the port");
+    EXPECT_EQ(r.drops[0].port, "1/0/3");
+    EXPECT_EQ(r.drops[0].input, 2u);
+    EXPECT_EQ(r.drops[0].number, 1u);
+    EXPECT_EQ(r.drops[1].reason, "VLAN 30 not carried by the port");
+    EXPECT_EQ(stats("1/0/3").dropped, 1u);
+    EXPECT_EQ(stats("1/0/3").dropReasons.at("VLAN 20 not carried by the port"), 1u);
+    // Never seen by the module.
+    EXPECT_EQ(sim::fdbLookups().size(), 0u);
+    EXPECT_EQ(sim::releaseCount(), 0u);
+}
+
+TEST_F(Replay, SourceMacsAreLearnedPerPortAndVlan)
+{
+    add(2, 0, fb::discover(params()).build());
+    add(0, 1, fb::offer(params()).vlan(20).build());
+    ASSERT_TRUE(go());
+    FdbEntry e;
+    memset(&e, 0, sizeof e);
+    memcpy(e.mac, kClient.data(), 6);
+    e.vlan = 10;
+    ASSERT_EQ(swFdbGetEntry(&e), 0u);
+    EXPECT_EQ(e.port, sim::physicalPort(1, 3));
+    memset(&e, 0, sizeof e);
+    memcpy(e.mac, kServer.data(), 6);
+    e.vlan = 20;
+    ASSERT_EQ(swFdbGetEntry(&e), 0u);
+    EXPECT_EQ(e.port, sim::physicalPort(1, 1));
+    e.vlan = 10;
+    EXPECT_NE(swFdbGetEntry(&e), 0u);
+}
+
+TEST_F(Replay, ClockRunsFromTheFirstFrameAndDrains)
+{
+    add(2, 1500, fb::discover(params()).build());
+    add(0, 250, fb::offer(params()).build());  // inputs are merged by time
+    ASSERT_TRUE(go(5000));
+    EXPECT_EQ(r.t0Us, kT0 + 250 * 1000);
+    EXPECT_EQ(r.endMs, 1250u + 5000u);
+    EXPECT_EQ(sim::nowMs(), 6250u);
+}
+
+TEST_F(Replay, InputOnAPortOutsideTheConfigurationIsRefused)
+{
+    inputs.push_back({"1/0/9", "x.pcap"});
+    replay::Options opt;
+    std::string error;
+    EXPECT_FALSE(replay::run(cfg, inputs, frames, opt, r, error));
+    EXPECT_EQ(error, "--in 1/0/9=x.pcap: port 1/0/9 is not in the configuration");
+}
+
+TEST_F(Replay, OutputNames)
+{
+    EXPECT_EQ(replay::portFileName("1/0/3"), "1_0_3.pcap");
+    EXPECT_EQ(replay::portFileName("po2"), "po2.pcap");
+    EXPECT_EQ(replay::bindingFileName(), "dhcpSnoop.cfg");
+    EXPECT_EQ(replay::relTime(1234567), "1.234567");
+    EXPECT_EQ(replay::relTime(0), "0.000000");
+}
+
+// A full exchange through the trusted server port and the untrusted client
+// port, both with option 82 on, plus a rogue OFFER.
+TEST_F(Replay, FullExchangeWithOption82AndARogueServer)
+{
+    fb::Params p = params();
+    fb::RelayAgentInfo echoed;
+    echoed.circuitId({0x00, 0x0a, 0x01, 0x03}).remoteId({0x02, 0x00, 0xc6, 0x12, 0xff, 0x01});
+    add(2, 0, fb::discover(p).build());
+    add(0, 10, fb::offer(p).relayAgent(echoed).build());
+    fb::Params rogue = p;
+    rogue.serverMac = kRogue;
+    rogue.serverIp = fb::ip(198, 18, 1, 1);
+    add(1, 15, fb::offer(rogue).build());
+    add(2, 20, fb::requestSelecting(p).build());
+    add(0, 30, fb::ack(p).relayAgent(echoed).build());
+    ASSERT_TRUE(go(2000));
+
+    // The rogue's OFFER went nowhere, for the reason the module gave.
+    ASSERT_EQ(r.drops.size(), 1u);
+    EXPECT_EQ(r.drops[0].port, "1/0/2");
+    EXPECT_EQ(r.drops[0].reason, "untrusted server message");
+    EXPECT_EQ(stats("1/0/2").dropReasons.at("untrusted server message"), 1u);
+
+    // Server side: DISCOVER and REQUEST with option 82, checksums valid.
+    const auto& toServer = sentOn("1/0/1");
+    ASSERT_EQ(toServer.size(), 2u);
+    for (const auto& s : toServer) {
+        EXPECT_EQ(fb::vlanId(s.bytes), std::nullopt);
+        auto o82 = fb::findOption(s.bytes, fb::kOptRelayAgent);
+        ASSERT_TRUE(o82.has_value());
+        EXPECT_EQ(fb::findSubOption(*o82, fb::kSubCircuitId), (fb::Bytes{0x00, 0x0a, 0x01, 0x03}));
+        EXPECT_EQ(fb::findSubOption(*o82, fb::kSubRemoteId),
+                  (fb::Bytes{0x02, 0x00, 0xc6, 0x12, 0xff, 0x01}));
+        EXPECT_TRUE(fb::ipv4ChecksumValid(s.bytes, 14));
+        EXPECT_TRUE(fb::udpChecksumValid(s.bytes, 14, false));
+    }
+    EXPECT_EQ(toServer[0].tsUs, kT0);
+    EXPECT_EQ(toServer[1].tsUs, kT0 + 20000);
+
+    // Client side: OFFER and ACK without option 82, checksums valid.
+    const auto& toClient = sentOn("1/0/3");
+    ASSERT_EQ(toClient.size(), 2u);
+    for (const auto& s : toClient) {
+        EXPECT_FALSE(fb::findOption(s.bytes, fb::kOptRelayAgent).has_value());
+        EXPECT_TRUE(fb::ipv4ChecksumValid(s.bytes, 14));
+        EXPECT_TRUE(fb::udpChecksumValid(s.bytes, 14, false));
+    }
+    EXPECT_EQ(fb::messageTypeOf(toClient[0].bytes), fb::kOffer);
+    EXPECT_EQ(fb::messageTypeOf(toClient[1].bytes), fb::kAck);
+    // Nothing reached the rogue's port but the flooded DISCOVER and REQUEST.
+    EXPECT_EQ(sentOn("1/0/2").size(), 2u);
+    // VLAN 20 is another broadcast domain.
+    EXPECT_TRUE(sentOn("1/0/4").empty());
+
+    // The binding, on the client's port.
+    ASSERT_EQ(r.bindings.size(), 1u);
+    EXPECT_EQ(r.bindings[0].ip, "198.18.0.120");
+    EXPECT_EQ(r.bindings[0].mac, "02:00:c6:12:00:03");
+    EXPECT_EQ(r.bindings[0].vlan, 10);
+    EXPECT_EQ(r.bindings[0].port, "1/0/3");
+    EXPECT_LE(r.bindings[0].lease, 3600u);
+    EXPECT_GE(r.bindings[0].lease, 3597u);
+    ASSERT_TRUE(r.bindingFileWritten);
+    EXPECT_NE(r.bindingFile.find("c6.12.00.78\t02:00:c6:12:00:03\t000a\t      1/0/3\t"),
+              std::string::npos)
+        << r.bindingFile;
+}
+
+TEST_F(Replay, TaggedEgressCarriesTheTag)
+{
+    fb::Params p = params();
+    p.clientMac = {0x02, 0x00, 0xc6, 0x12, 0x00, 0x04};
+    add(3, 0, fb::discover(p).build());              // untagged on the VLAN 20 access port
+    add(0, 10, fb::offer(p).vlan(20).build());        // tagged from the server
+    ASSERT_TRUE(go());
+    const auto& toServer = sentOn("1/0/1");
+    ASSERT_EQ(toServer.size(), 1u);
+    EXPECT_EQ(fb::vlanId(toServer[0].bytes), std::optional<uint16_t>(20));
+    EXPECT_EQ(fb::messageTypeOf(fb::stripVlan(toServer[0].bytes)), fb::kDiscover);
+    const auto& toClient = sentOn("1/0/4");
+    ASSERT_EQ(toClient.size(), 1u);
+    EXPECT_EQ(fb::vlanId(toClient[0].bytes), std::nullopt);
+    EXPECT_EQ(fb::messageTypeOf(toClient[0].bytes), fb::kOffer);
+    EXPECT_TRUE(sentOn("1/0/3").empty());
+}
+
+TEST_F(Replay, DropReasonsFromTheModule)
+{
+    fb::Params p = params();
+    add(2, 0, fb::ack(p).build());                                    // server message, untrusted
+    add(0, 10, fb::ack(p).build());                                   // no pending request
+    add(2, 20, fb::release(p).build());                               // no binding
+    add(2, 30, fb::discover(p).hlen(7).build());                      // bad hlen
+    add(2, 40, fb::discover(p).udpLength(248).build());               // invalid frame
+    ASSERT_TRUE(go());
+    ASSERT_EQ(r.drops.size(), 5u);
+    EXPECT_EQ(r.drops[0].reason, "untrusted server message");
+    EXPECT_EQ(r.drops[1].reason, "ACK without a pending request");
+    EXPECT_EQ(r.drops[2].reason, "RELEASE without a binding");
+    EXPECT_EQ(r.drops[3].reason, "invalid DHCP header");
+    EXPECT_EQ(r.drops[4].reason, "invalid frame");
+}
+
+TEST_F(Replay, JsonOutputs)
+{
+    fb::Params p = params();
+    add(2, 0, fb::discover(p).build());
+    add(1, 1500, fb::offer(p).build());
+    add(2, 2000, fb::requestSelecting(p).build());
+    add(0, 2100, fb::ack(p).build());
+    ASSERT_TRUE(go());
+    EXPECT_EQ(replay::bindingsJson(r),
+              "[\n  {\"ip\": \"198.18.0.120\", \"mac\": \"02:00:c6:12:00:03\", \"vlan\": 10, "
+              "\"port\": \"1/0/3\", \"lease\": 3600}\n]\n");
+    std::string ev = replay::eventsJson(r, inputs);
+    EXPECT_NE(ev.find("\"drops\": [\n    {\"port\": \"1/0/2\", \"input\": \"rogue.pcap\", "
+                      "\"frame\": 1, \"time\": 1.500000, \"timestamp\": \"1700000001.500000\", "
+                      "\"reason\": \"untrusted server message\"}\n  ]\n}\n"),
+              std::string::npos)
+        << ev;
+    std::string sum = replay::summary(cfg, inputs, r);
+    EXPECT_NE(sum.find("Bindings (1):"), std::string::npos) << sum;
+    EXPECT_NE(sum.find("198.18.0.120    02:00:c6:12:00:03 10    1/0/3    3600 s"), std::string::npos)
+        << sum;
+}
+
+#ifdef DHCPSNOOP_HAVE_PCAP
+
+std::string readText(const fs::path& p)
+{
+    std::ifstream in(p, std::ios::binary);
+    std::ostringstream o;
+    o << in.rdbuf();
+    return o.str();
+}
+
+// Every shipped example against its expected outputs. With
+// DHCPSNOOP_REGENERATE=1 the expected outputs are written instead (review
+// them by eye before committing).
+TEST_F(SnoopTest, ShippedExamplesGiveTheirExpectedOutputs)
+{
+    size_t examples = 0;
+    std::vector<fs::path> dirs;
+    for (const auto& d : fs::directory_iterator(DHCPSNOOP_EXAMPLES_DIR))
+        if (d.is_directory() && fs::exists(d.path() / "switch.toml"))
+            dirs.push_back(d.path());
+    std::sort(dirs.begin(), dirs.end());
+    for (const auto& dir : dirs) {
+        SCOPED_TRACE(dir.string());
+        ++examples;
+        swcfg::SwitchConfig cfg;
+        std::vector<replay::Input> inputs;
+        std::vector<std::string> paths;
+        std::string error;
+        ASSERT_TRUE(replay::loadExample(dir.string(), cfg, inputs, paths, error)) << error;
+        std::vector<replay::Frame> frames;
+        for (size_t i = 0; i < paths.size(); ++i)
+            ASSERT_TRUE(replay::readCapture(paths[i], i, frames, error)) << error;
+        replay::Result r;
+        replay::Options opt;
+        ASSERT_TRUE(replay::run(cfg, inputs, frames, opt, r, error)) << error;
+        fs::path expected = dir / "expected";
+        const char* regen = getenv("DHCPSNOOP_REGENERATE");
+        if (regen != nullptr && *regen == '1') {
+            fs::remove_all(expected);
+            ASSERT_TRUE(replay::writeOutputs(expected.string(), inputs, r, error)) << error;
+            std::ofstream(expected / "summary.txt") << replay::summary(cfg, inputs, r);
+            continue;
+        }
+        fs::path out = fs::path(tmpDir) / dir.filename();
+        ASSERT_TRUE(replay::writeOutputs(out.string(), inputs, r, error)) << error;
+        std::ofstream(out / "summary.txt") << replay::summary(cfg, inputs, r);
+        std::vector<std::string> want, got;
+        for (const auto& f : fs::directory_iterator(expected))
+            want.push_back(f.path().filename().string());
+        for (const auto& f : fs::directory_iterator(out))
+            got.push_back(f.path().filename().string());
+        std::sort(want.begin(), want.end());
+        std::sort(got.begin(), got.end());
+        EXPECT_EQ(got, want);
+        for (const auto& name : want) {
+            SCOPED_TRACE(name);
+            if (fs::path(name).extension() == ".pcap") {
+                std::vector<replay::Frame> a, b;
+                ASSERT_TRUE(replay::readCapture((expected / name).string(), 0, a, error)) << error;
+                ASSERT_TRUE(replay::readCapture((out / name).string(), 0, b, error)) << error;
+                ASSERT_EQ(b.size(), a.size());
+                for (size_t i = 0; i < a.size(); ++i) {
+                    EXPECT_EQ(b[i].tsUs, a[i].tsUs) << "frame " << i + 1;
+                    EXPECT_EQ(b[i].bytes, a[i].bytes) << "frame " << i + 1;
+                }
+            } else {
+                EXPECT_EQ(readText(out / name), readText(expected / name));
+            }
+        }
+    }
+    EXPECT_GE(examples, 2u);
+}
+
+// What the examples are there to show, checked on their own.
+TEST_F(SnoopTest, BasicExampleLearnsABindingAndDropsTheRogueOffers)
+{
+    swcfg::SwitchConfig cfg;
+    std::vector<replay::Input> inputs;
+    std::vector<std::string> paths;
+    std::string error;
+    ASSERT_TRUE(replay::loadExample(std::string(DHCPSNOOP_EXAMPLES_DIR) + "/basic", cfg, inputs,
+                                    paths, error))
+        << error;
+    std::vector<replay::Frame> frames;
+    for (size_t i = 0; i < paths.size(); ++i)
+        ASSERT_TRUE(replay::readCapture(paths[i], i, frames, error)) << error;
+    replay::Result r;
+    ASSERT_TRUE(replay::run(cfg, inputs, frames, replay::Options(), r, error)) << error;
+    // dhclient keeps its lease; udhcpc released its own.
+    ASSERT_EQ(r.bindings.size(), 1u);
+    EXPECT_EQ(r.bindings[0].mac, "02:00:c6:12:00:04");
+    EXPECT_EQ(r.bindings[0].port, "1/0/4");
+    EXPECT_EQ(r.bindings[0].vlan, 10);
+    size_t rogue = 0;
+    for (const auto& d : r.drops)
+        if (d.port == "1/0/2") {
+            EXPECT_EQ(d.reason, "untrusted server message");
+            ++rogue;
+        }
+    EXPECT_EQ(rogue, 2u);
+    ASSERT_TRUE(r.bindingFileWritten);
+    EXPECT_NE(r.bindingFile.find("02:00:c6:12:00:04"), std::string::npos);
+}
+
+TEST_F(SnoopTest, Option82ExampleAddsOnTheServerSideOnly)
+{
+    swcfg::SwitchConfig cfg;
+    std::vector<replay::Input> inputs;
+    std::vector<std::string> paths;
+    std::string error;
+    ASSERT_TRUE(replay::loadExample(std::string(DHCPSNOOP_EXAMPLES_DIR) + "/option82", cfg, inputs,
+                                    paths, error))
+        << error;
+    std::vector<replay::Frame> frames;
+    for (size_t i = 0; i < paths.size(); ++i)
+        ASSERT_TRUE(replay::readCapture(paths[i], i, frames, error)) << error;
+    replay::Result r;
+    ASSERT_TRUE(replay::run(cfg, inputs, frames, replay::Options(), r, error)) << error;
+    const auto& server = r.sent[sim::physicalPort(1, 1)];
+    const auto& client = r.sent[sim::physicalPort(1, 3)];
+    ASSERT_GE(server.size(), 3u);  // DISCOVER, REQUEST, RELEASE
+    ASSERT_GE(client.size(), 2u);  // OFFER, ACK
+    for (const auto& s : server) {
+        auto o82 = fb::findOption(s.bytes, fb::kOptRelayAgent);
+        ASSERT_TRUE(o82.has_value());
+        EXPECT_EQ(fb::findSubOption(*o82, fb::kSubCircuitId), (fb::Bytes{0x00, 0x0a, 0x01, 0x03}));
+        EXPECT_EQ(fb::findSubOption(*o82, fb::kSubRemoteId),
+                  (fb::Bytes{0x02, 0x00, 0xc6, 0x12, 0xff, 0x82}));
+        EXPECT_TRUE(fb::ipv4ChecksumValid(s.bytes, 14));
+        EXPECT_TRUE(fb::udpChecksumValid(s.bytes, 14, false));
+    }
+    for (const auto& s : client) {
+        EXPECT_FALSE(fb::findOption(s.bytes, fb::kOptRelayAgent).has_value());
+        EXPECT_TRUE(fb::ipv4ChecksumValid(s.bytes, 14));
+        EXPECT_TRUE(fb::udpChecksumValid(s.bytes, 14));
+    }
+}
+
+// ---- the command line ----------------------------------------------------------------
+
+struct ToolRun {
+    int status;
+    std::string output;
+};
+
+ToolRun tool(const std::string& args)
+{
+    std::string cmd = std::string("DHCPSNOOP_EXAMPLES='") + DHCPSNOOP_EXAMPLES_DIR + "' '" +
+                      DHCPSNOOP_REPLAY_TOOL + "' " + args + " 2>&1";
+    ToolRun r{-1, ""};
+    FILE* p = popen(cmd.c_str(), "r");
+    if (p == nullptr)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        r.output.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+class ReplayCli : public SnoopTest {
+protected:
+    std::string file(const std::string& name, const std::string& text)
+    {
+        std::string p = tmpDir + "/" + name;
+        std::ofstream(p) << text;
+        return p;
+    }
+    std::string capture() { return std::string(DHCPSNOOP_EXAMPLES_DIR) + "/basic/1_0_3.pcap"; }
+};
+
+TEST_F(ReplayCli, BadConfigurationsAreRefusedWithTheirMessage)
+{
+    const std::string port = "[[port]]\nname = \"1/0/3\"\nvlan = 10\n";
+    const struct {
+        std::string text;
+        std::string message;
+    } cases[] = {
+        {port + "colour = \"red\"\n", "sw.toml:4: port.colour: unknown key"},
+        {port + "rate = 300\n", "sw.toml:4: port.rate: 300 is out of range 0..255"},
+        {port + port, "sw.toml:5: port.name: duplicate port \"1/0/3\" (first at line 1)"},
+        {"[[port]]\nname = \"1/0/99\"\nvlan = 10\n",
+         "sw.toml:2: port.name: \"1/0/99\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with "
+         "N 1..15)"},
+    };
+    for (const auto& c : cases) {
+        std::string cfg = file("sw.toml", c.text);
+        ToolRun r = tool("--config " + cfg + " --in 1/0/3=" + capture());
+        EXPECT_EQ(r.status, 3) << r.output;
+        EXPECT_EQ(r.output, "dhcpsnoop-replay: " + cfg.substr(0, cfg.size() - 7) + c.message + "\n");
+    }
+}
+
+TEST_F(ReplayCli, UnreadableCapture)
+{
+    std::string cfg = file("sw.toml", "[[port]]\nname = \"1/0/3\"\nvlan = 10\n");
+    ToolRun r = tool("--config " + cfg + " --in 1/0/3=" + tmpDir + "/missing.pcap");
+    EXPECT_EQ(r.status, 4) << r.output;
+    EXPECT_NE(r.output.find(tmpDir + "/missing.pcap: "), std::string::npos) << r.output;
+    ToolRun notPcap = tool("--config " + cfg + " --in 1/0/3=" + cfg);
+    EXPECT_EQ(notPcap.status, 4) << notPcap.output;
+}
+
+TEST_F(ReplayCli, UsageErrors)
+{
+    std::string cfg = file("sw.toml", "[[port]]\nname = \"1/0/3\"\nvlan = 10\n");
+    ToolRun r = tool("--config " + cfg + " --in 1/0/4=" + capture());
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.output, "dhcpsnoop-replay: --in 1/0/4=" + capture() + ": port 1/0/4 is not in " +
+                            cfg + "\n");
+    r = tool("--config " + cfg + " --in " + capture());
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.output, "dhcpsnoop-replay: --in " + capture() + ": expected PORT=PCAP\n");
+    r = tool("--in 1/0/3=" + capture());
+    EXPECT_EQ(r.status, 2);
+    r = tool("--config " + cfg);
+    EXPECT_EQ(r.status, 2);
+    r = tool("--drain -1");
+    EXPECT_EQ(r.status, 2);
+    r = tool("--frobnicate");
+    EXPECT_EQ(r.status, 2);
+    r = tool("--example nonexistent");
+    EXPECT_EQ(r.status, 2);
+}
+
+TEST_F(ReplayCli, Help)
+{
+    ToolRun r = tool("--help");
+    EXPECT_EQ(r.status, 0);
+    for (const char* opt : {"--config", "--in", "--out", "--drain", "--debug", "--example"})
+        EXPECT_NE(r.output.find(opt), std::string::npos) << opt;
+}
+
+TEST_F(ReplayCli, NoArgumentsRunsTheBuiltInExample)
+{
+    ToolRun r = tool("");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("basic"), std::string::npos);
+    EXPECT_NE(r.output.find("Bindings (1):"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("untrusted server message"), std::string::npos) << r.output;
+}
+
+TEST_F(ReplayCli, OutWritesEveryFile)
+{
+    std::string out = tmpDir + "/out";
+    // A stale binding file of an earlier run must not survive.
+    fs::create_directories(out);
+    std::ofstream(out + "/dhcpSnoop.cfg") << "stale";
+    std::string cfg = file("sw.toml", "[switch]\nsnooping_vlans = [10]\n[[port]]\nname = \"1/0/3\"\n"
+                                      "vlan = 10\n[[port]]\nname = \"po1\"\nvlan = 10\n");
+    ToolRun r = tool("--config " + cfg + " --in 1/0/3=" + capture() + " --out " + out + " --drain 2");
+    EXPECT_EQ(r.status, 0) << r.output;
+    for (const char* f : {"1_0_3.pcap", "po1.pcap", "bindings.json", "events.json"})
+        EXPECT_TRUE(fs::exists(out + "/" + f)) << f;
+    EXPECT_NE(readText(out + "/dhcpSnoop.cfg"), "stale");
+    r = tool("--debug --config " + cfg + " --in 1/0/3=" + capture());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.output.find("1_0_3.pcap#1 [<"), std::string::npos) << r.output;
+}
+
+#endif  // DHCPSNOOP_HAVE_PCAP
+
+}  // namespace

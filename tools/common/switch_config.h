@@ -1,0 +1,74 @@
+// The switch's configuration file (TOML): what the replay tool and the live
+// daemon set up before the module starts. Parsing and checking only; putting
+// a configuration on a platform is the caller's business (switch_config_sim.h
+// for the simulation).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/port.h"
+
+namespace swcfg {
+
+// Longest circuit_id / remote_id text: the port configuration record keeps
+// each in 257 bytes with its terminator.
+constexpr size_t kOp82TextMax = 256;
+// Longest option 82 the module can build: its length byte counts both
+// sub-options with their two-byte headers.
+constexpr size_t kOp82PayloadMax = 255;
+
+struct PortConfig {
+    std::string name;            // as written: "1/0/3", "po1"
+    up handle = UP_INVALID;
+    uint16_t vlan = 0;           // access (untagged) VLAN
+    std::vector<uint16_t> tagged;
+    bool trust = false;
+    bool verifyMac = false;
+    uint8_t rate = 0;            // DHCP frames per second, 0 = no limit
+    uint8_t declineRate = 0;
+    bool option82 = false;
+    uint8_t option82Policy = 0;  // 0 keep, 1 replace, 2 drop
+    std::string circuitId;       // empty: VLAN-PORT circuit ID
+    std::string remoteId;        // empty: switch-MAC remote ID
+    std::string interface;       // live daemon only
+    uint32_t line = 0;           // of the [[port]] table, for messages
+
+    bool carries(uint16_t vid) const;
+    bool tags(uint16_t vid) const;  // carried with an 802.1Q tag
+};
+
+struct SwitchConfig {
+    std::string source;          // file name used in messages
+    uint32_t unit = 1;
+    bool hasMac = false;
+    std::array<uint8_t, 6> mac{};
+    std::vector<uint16_t> snoopingVlans;
+    bool tableUpdates = true;
+    bool ipFilter = false;
+    bool arpDefend = false;
+    bool debug = false;
+    uint32_t debugLevel = 0;
+    std::vector<PortConfig> ports;
+
+    const PortConfig* port(up handle) const;  // nullptr when not configured
+    const PortConfig* port(const std::string& name) const;
+};
+
+// Port name to handle: "U/S/P" (physical) or "poN" (port channel), with the
+// ranges of this switch family (slot 0, ports 1..64, port channels 1..15).
+// False when the text names no port.
+bool parsePortName(const std::string& text, up* handle);
+
+// Parses and checks a whole configuration. On failure returns false and sets
+// error to one line "SOURCE:LINE: KEY: what is wrong".
+bool parseSwitchConfig(const std::string& text, const std::string& source, SwitchConfig& out,
+                       std::string& error);
+bool loadSwitchConfig(const std::string& path, SwitchConfig& out, std::string& error);
+
+std::string macText(const std::array<uint8_t, 6>& mac);
+std::string policyText(uint8_t policy);
+
+}  // namespace swcfg

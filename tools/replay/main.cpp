@@ -1,0 +1,169 @@
+// dhcpsnoop-replay: what a snooping switch would have done with captured
+// DHCP traffic. See the README's "dhcpsnoop-replay" section.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "pcap_io.h"
+#include "platform/sim/sim.h"
+#include "replay.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+enum Exit {
+    kOk = 0,
+    kFailed = 1,      // the module did not start, or another failure of the run
+    kUsage = 2,
+    kBadConfig = 3,
+    kBadCapture = 4,
+    kBadOutput = 5,
+};
+
+// Examples: $DHCPSNOOP_EXAMPLES, the source tree the tool was built from,
+// or ../share/dhcpsnoop/examples beside an installed binary.
+std::string examplesDir()
+{
+    const char* env = getenv("DHCPSNOOP_EXAMPLES");
+    if (env != nullptr && *env != '\0')
+        return env;
+#ifdef DHCPSNOOP_EXAMPLES_DIR
+    if (fs::is_directory(DHCPSNOOP_EXAMPLES_DIR))
+        return DHCPSNOOP_EXAMPLES_DIR;
+#endif
+    std::error_code ec;
+    fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        fs::path p = exe.parent_path() / ".." / "share" / "dhcpsnoop" / "examples";
+        if (fs::is_directory(p))
+            return p.string();
+    }
+    return "examples";
+}
+
+int fail(int code, const std::string& message)
+{
+    std::cerr << "dhcpsnoop-replay: " << message << "\n";
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app{
+        "Replays captured DHCP traffic through the DHCP snooping module on a simulated switch\n"
+        "and shows what the switch would have done: frames sent per port, frames dropped and\n"
+        "why, bindings learned, the binding file, system-log events.\n"
+        "Without --config and --in it runs the built-in example.",
+        "dhcpsnoop-replay"};
+    std::string configPath;
+    std::vector<std::string> ins;
+    std::string outDir;
+    double drainSeconds = 0;
+    bool debug = false;
+    std::string example;
+    app.add_option("--config", configPath, "The switch, in TOML (see the README)")
+        ->type_name("FILE");
+    app.add_option("--in", ins,
+                   "Frames received on PORT (\"1/0/3\", \"po1\"), from a pcap or pcapng file; "
+                   "repeat for more captures")
+        ->type_name("PORT=PCAP");
+    app.add_option("--out", outDir,
+                   "Write per-port pcaps, bindings.json, events.json and the binding file here")
+        ->type_name("DIR");
+    app.add_option("--drain", drainSeconds,
+                   "Let the switch clock run on this long after the last frame (aging, timers)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 86400.0 * 366));
+    app.add_flag("--debug", debug, "Also print the module's debug lines");
+    app.add_option("--example", example,
+                   "Run a shipped example (a name under the examples directory, or a directory "
+                   "holding switch.toml and captures named after ports, e.g. 1_0_3.pcap); "
+                   "the default when no --config is given is \"basic\"")
+        ->type_name("NAME|DIR");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return kUsage;
+    }
+
+    if (!example.empty() && (!configPath.empty() || !ins.empty()))
+        return fail(kUsage, "--example cannot be combined with --config or --in");
+    if (configPath.empty() && !ins.empty())
+        return fail(kUsage, "--in needs --config: the switch the captures were taken on");
+    if (!configPath.empty() && ins.empty())
+        return fail(kUsage, "no captures: name them with --in PORT=PCAP");
+
+    std::string error;
+    swcfg::SwitchConfig cfg;
+    std::vector<replay::Input> inputs;
+    std::vector<std::string> paths;
+    if (configPath.empty()) {
+        // A name is looked up among the shipped examples; a path is taken as it is.
+        fs::path dir = example.empty() ? "basic" : example;
+        if (example.empty() || (example.find('/') == std::string::npos && !fs::is_directory(dir)))
+            dir = fs::path(examplesDir()) / dir;
+        if (!fs::is_directory(dir))
+            return fail(kUsage, "example " + dir.string() +
+                                    ": no such directory (set DHCPSNOOP_EXAMPLES to the "
+                                    "examples directory)");
+        if (!replay::loadExample(dir.string(), cfg, inputs, paths, error))
+            return fail(error.find("switch.toml") != std::string::npos ? kBadConfig : kUsage, error);
+        std::cout << "Example " << dir.string() << "\n";
+    } else {
+        if (!swcfg::loadSwitchConfig(configPath, cfg, error))
+            return fail(kBadConfig, error);
+        for (const auto& spec : ins) {
+            size_t eq = spec.find('=');
+            if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size())
+                return fail(kUsage, "--in " + spec + ": expected PORT=PCAP");
+            std::string port = spec.substr(0, eq);
+            std::string path = spec.substr(eq + 1);
+            if (cfg.port(port) == nullptr) {
+                up h;
+                return fail(kUsage, "--in " + spec + ": " +
+                                        (swcfg::parsePortName(port, &h)
+                                             ? "port " + port + " is not in " + configPath
+                                             : "\"" + port + "\" is not a port name"));
+            }
+            inputs.push_back({port, fs::path(path).filename().string()});
+            paths.push_back(path);
+        }
+    }
+    for (const auto& in : inputs)
+        std::cout << "  " << in.port << " <- " << in.file << "\n";
+    std::cout << "\n";
+
+    std::vector<replay::Frame> frames;
+    for (size_t i = 0; i < paths.size(); ++i)
+        if (!replay::readCapture(paths[i], i, frames, error))
+            return fail(kBadCapture, error);
+
+    replay::Options opt;
+    opt.drainMs = (uint64_t)std::llround(drainSeconds * 1000);
+    if (debug || cfg.debug)
+        opt.debugOut = &std::cout;
+    replay::Result r;
+    if (!replay::run(cfg, inputs, frames, opt, r, error))
+        return fail(kFailed, error);
+    if (opt.debugOut != nullptr)
+        std::cout << "\n";
+    std::cout << replay::summary(cfg, inputs, r);
+
+    if (!outDir.empty()) {
+        if (!replay::writeOutputs(outDir, inputs, r, error))
+            return fail(kBadOutput, error);
+        std::cout << "\nOutputs in " << outDir << "\n";
+    }
+    return kOk;
+}

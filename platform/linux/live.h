@@ -1,0 +1,68 @@
+// The live Linux platform's control side: what dhcpsnoopd uses to bring the
+// software switch up around the module, and what its control interface
+// reads. The module itself sees only the platform/*.h functions, which the
+// same library implements.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/common/switch_config.h"
+
+namespace live {
+
+struct Options {
+    std::string dataDir = "/var/lib/dhcpsnoop";  // the binding file lives here
+    uint32_t packetPool = 1024;   // buffers for trapped DHCP frames
+    uint32_t fdbSize = 8192;      // learned MAC addresses
+    uint32_t fdbAgingSec = 300;
+    uint32_t sourceGuardSize = 4096;
+    uint32_t eventsKept = 256;    // system-log entries kept for `events`
+    bool useSyslog = true;        // system-log entries also go to syslog(3)
+};
+
+// Checks privileges, opens every configured port's interface (AF_PACKET,
+// promiscuous) and sets up the platform's state. Frames are not switched
+// yet. On failure nothing stays open and error is one line naming the cause
+// (missing interface, missing privileges, ...).
+bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& error);
+// Starts switching (one receive thread per port, the FDB aging). Call once
+// dhcpSnoopInit has succeeded.
+bool run(std::string& error);
+// Stops switching and closes the ports; the module's tasks keep running.
+void stop();
+// A re-read configuration (SIGHUP). Port settings, VLANs and switch-wide
+// flags change in place; the set of ports and their interfaces must stay the
+// same (false and error otherwise, nothing changed). The caller then posts
+// the configuration-change message to the module.
+bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
+// True when no binding-file save is queued or running.
+bool saveIdle();
+
+struct PortCounters {
+    std::string name;       // "1/0/3"
+    std::string interface;  // "veth3"
+    uint64_t rxFrames = 0;
+    uint64_t txFrames = 0;
+    uint64_t trapped = 0;            // DHCP frames handed to the module
+    uint64_t dhcpForwarded = 0;      // trapped frames the module sent on
+    uint64_t sourceGuardDropped = 0; // IPv4/ARP frames refused by source guard
+    // Trapped frames the module did not send on, and frames that could not
+    // be trapped ("packet pool full", "queue full"), by reason.
+    std::map<std::string, uint64_t> dropped;
+};
+std::vector<PortCounters> counters();
+
+struct Event {
+    uint64_t unixMs = 0;
+    uint32_t code = 0;
+    std::string text;  // readable, arguments filled in
+};
+std::vector<Event> events();  // oldest first
+
+void setDebug(bool on);
+bool debug();
+
+}  // namespace live

@@ -1,6 +1,7 @@
 // Fuzz target: one trapped frame through the whole module on the simulated
-// switch. The first input byte configures the receive port and the VLAN, the
-// rest is the frame, handed over in a packet-pool buffer of exactly its
+// switch. The first input byte configures the receive port and the VLAN (and
+// may announce a second one for option 82: policy, user-defined texts and
+// their lengths), the rest is the frame, handed over in a packet-pool buffer of exactly its
 // length so that AddressSanitizer sees any read past its end.
 #include <stdio.h>
 #include <stdlib.h>
@@ -60,6 +61,16 @@ uint32_t freeElements()
     return n;
 }
 
+// A NUL-terminated text of len printable bytes (clipped to the record).
+void fillText(char* text, size_t room, size_t len, char first)
+{
+    if (len >= room)
+        len = room - 1;
+    for (size_t i = 0; i < len; i++)
+        text[i] = (char)(first + (char)(i % 20));
+    text[len] = '\0';
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -69,7 +80,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1)
         return 0;
     const uint8_t cfgBits = data[0];
-    const std::vector<uint8_t> frame(data + 1, data + size);
+    size_t head = 1;
+    uint8_t op82Bits = 0;
+    if (cfgBits & kOp82Cfg) {
+        if (size < 2)
+            return 0;
+        op82Bits = data[1];
+        head = 2;
+    }
+    const std::vector<uint8_t> frame(data + head, data + size);
 
     // A fresh switch and module for every input: nothing one frame leaves
     // behind can hide or cause a finding on the next.
@@ -84,7 +103,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     cfg.trust = (cfgBits & kTrust) ? 1 : 0;
     cfg.macVerify = (cfgBits & kMacVerify) ? 1 : 0;
     cfg.op82Enable = (cfgBits & kOption82) ? 1 : 0;
-    cfg.Op82Policy = (cfgBits & kReplace) ? DHCP_SNOOP_OP82_POLICY_REPLACE : DHCP_SNOOP_OP82_POLICY_KEEP;
+    static const uint8_t policies[4] = {DHCP_SNOOP_OP82_POLICY_KEEP, DHCP_SNOOP_OP82_POLICY_REPLACE,
+                                        DHCP_SNOOP_OP82_POLICY_DROP, DHCP_SNOOP_OP82_POLICY_REPLACE};
+    cfg.Op82Policy = policies[op82Bits & kPolicyMask];
+    cfg.circuitIdFormat = (op82Bits & kUserCircuit) ? 1 : 0;
+    cfg.remoteIdFormat = (op82Bits & kUserRemote) ? 1 : 0;
+    fillText(cfg.circuitId, sizeof cfg.circuitId, circuitLen(op82Bits), 'c');
+    fillText(cfg.remoteId, sizeof cfg.remoteId, remoteLen(op82Bits), 'r');
     sim::setVlanSnooping(kVid, (cfgBits & kVlanEnable) != 0);
     sim::setDebugFlag((cfgBits & kDebug) ? 1 : 0);
     debugLevel = (cfgBits & kDumps) ? 3u : 0u;

@@ -21,7 +21,13 @@ struct Seed {
     std::string name;
     uint8_t cfg;
     fb::Frame frame;
+    int op82 = -1;  // the option-82 byte, when cfg has kOp82Cfg
 };
+
+uint8_t op82(uint8_t policy, uint8_t flags, uint8_t lenIndex)
+{
+    return (uint8_t)(policy | flags | (lenIndex << kTextLenShift));
+}
 
 fb::Frame overloaded(uint8_t which)
 {
@@ -63,7 +69,23 @@ std::vector<Seed> seeds()
         {"discover-port-channel", on | kPortChannel, fb::discover()},
         {"discover-mac-verify", on | kMacVerify, fb::discover().chaddr(fb::Mac{0x02, 0, 0, 0, 0, 9})},
         {"discover-option82-insert", on | kOption82, fb::discover()},
-        {"discover-option82-replace", on | kOption82 | kReplace, fb::discover().relayAgent(info)},
+        {"discover-option82-replace", on | kOption82 | kOp82Cfg, fb::discover().relayAgent(info), op82(1, 0, 0)},
+        {"discover-option82-keep", on | kOption82, fb::discover().relayAgent(info)},
+        {"discover-option82-drop", on | kOption82 | kOp82Cfg, fb::discover().relayAgent(info), op82(2, 0, 0)},
+        {"request-option82-user-short", on | kOption82 | kOp82Cfg, fb::requestSelecting(),
+         op82(0, kUserCircuit | kUserRemote, 2)},
+        {"request-option82-user-circuit-long", on | kOption82 | kOp82Cfg, fb::requestSelecting(),
+         op82(0, kUserCircuit, 12)},
+        {"discover-option82-user-both-long", on | kOption82 | kOp82Cfg, fb::discover(),
+         op82(0, kUserCircuit | kUserRemote, 8)},
+        {"discover-option82-user-remote-max", on | kOption82 | kOp82Cfg, fb::discover().relayAgent(info),
+         op82(1, kUserRemote, 0)},
+        {"discover-option82-user-circuit-max", on | kOption82 | kOp82Cfg, fb::discover().relayAgent(info),
+         op82(3, kUserCircuit, 15)},
+        {"ack-option82-strip-user", trusted | kOption82 | kOp82Cfg, fb::ack().relayAgent(info),
+         op82(1, kUserCircuit | kUserRemote, 5)},
+        {"discover-snap-option82-replace", on | kOption82 | kOp82Cfg, fb::discover().snap().relayAgent(info),
+         op82(1, kUserCircuit, 6)},
         {"offer-option82-strip", trusted | kOption82, fb::offer().relayAgent(info)},
         {"request-overload-file", on, overloaded(fb::kOverloadFile)},
         {"request-overload-sname", on, overloaded(fb::kOverloadSname)},
@@ -90,6 +112,8 @@ int main(int argc, char** argv)
         std::string path = std::string(argv[1]) + "/" + seed.name;
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         out.put(static_cast<char>(seed.cfg));
+        if (seed.cfg & kOp82Cfg)
+            out.put(static_cast<char>(seed.op82));
         out.write(reinterpret_cast<const char*>(frame.data()), static_cast<std::streamsize>(frame.size()));
         if (!out) {
             fprintf(stderr, "cannot write %s\n", path.c_str());

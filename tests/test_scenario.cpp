@@ -377,3 +377,97 @@ TEST_F(ScenarioTest, PolicyErrorBeforeFilingLosesNothing)
 }
 
 }  // namespace
+
+// ---- a VLAN without snooping ----------------------------------------------------------
+
+class UnsnoopedVlanTest : public ScenarioTest {
+protected:
+    void SetUp() override
+    {
+        ScenarioTest::SetUp();
+        sim::setVlanSnooping(kVlan, false);
+        // Everything a snooped VLAN would do to these frames is switched on.
+        sim::portCfg(client).op82Enable = 1;
+        sim::portCfg(client).macVerify = 1;
+        sim::portCfg(client).limitRate = 1;
+    }
+
+    void expectNothingLearned()
+    {
+        EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 0u);
+        EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 0u);
+        EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE) << "no element is taken";
+        EXPECT_TRUE(sim::qtable().empty());
+    }
+
+    const sim::Mac serverMac = {0x02, 0x00, 0x00, 0x00, 0x00, 0x24};
+};
+
+TEST_F(UnsnoopedVlanTest, MalformedFrameIsFloodedUnchangedWithoutTheReceivePort)
+{
+    fb::Bytes f = fb::discover(params()).etherType(0x86DD).udpLength(3).build();
+    fb::truncate(f, 40);
+    ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_TRUE(isFlood(sim::sent()[0], client));
+    EXPECT_EQ(sim::sent()[0].vid, kVlan);
+    EXPECT_EQ(sim::sent()[0].frame, f);
+    EXPECT_EQ(sim::releaseCount(), 1u);
+    expectNothingLearned();
+}
+
+TEST_F(UnsnoopedVlanTest, ValidFramesPassUntouchedAndTeachNothing)
+{
+    // Option 82 on the port, a CHADDR that is not the source MAC, a rate of
+    // one frame a second and a server message from an untrusted port: none
+    // of it applies where the VLAN is not snooped.
+    fb::Params p = params();
+    std::vector<fb::Bytes> frames = {
+        fb::discover(p).chaddr(kOtherMac).build(), fb::discover(p).build(), fb::request(p).build()};
+    for (const fb::Bytes &f : frames)
+        ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    ASSERT_EQ(simrun::receive(rogue, kVlan, fb::ack(p).build()), 0u);
+    ASSERT_EQ(sim::sent().size(), 4u);
+    for (size_t i = 0; i < frames.size(); i++) {
+        EXPECT_TRUE(isFlood(sim::sent()[i], client)) << i;
+        EXPECT_EQ(sim::sent()[i].frame, frames[i]) << i << ": no option 82 added";
+    }
+    EXPECT_EQ(sim::sent()[3].frame, fb::ack(p).build());
+    EXPECT_EQ(countSyslog(DHCP_SNOOP_LOG_RATE_OVERFLOW), 0u);
+    expectNothingLearned();
+}
+
+TEST_F(UnsnoopedVlanTest, UnicastGoesToTheDestinationTheForwardingDatabaseNames)
+{
+    sim::fdbSet(serverMac, kVlan, server);
+    fb::Bytes f = fb::request(params()).dstMac(serverMac).build();
+    // The first frame asks the cache task for the destination; a later one
+    // finds it either way.
+    ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    ASSERT_EQ(sim::sent().size(), 2u);
+    const sim::SentPacket &s = sim::sent()[1];
+    EXPECT_EQ(s.sendFlags & SEND_FLAG_BY_FDB, SEND_FLAG_BY_FDB);
+    EXPECT_EQ(s.sendFlags & SEND_FLAG_FLOOD, 0u);
+    EXPECT_EQ(s.frame, f);
+    EXPECT_EQ(s.vid, kVlan);
+    bool asked = false;
+    for (const sim::FdbLookup &l : sim::fdbLookups())
+        asked = asked || (l.mac == serverMac && l.vlan == kVlan);
+    EXPECT_TRUE(asked) << "the destination was looked up in the frame's VLAN";
+    expectNothingLearned();
+}
+
+TEST_F(UnsnoopedVlanTest, DestinationBehindTheReceivePortIsNotDelivered)
+{
+    sim::fdbSet(serverMac, kVlan, client);
+    fb::Bytes f = fb::request(params()).dstMac(serverMac).build();
+    ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    ASSERT_EQ(simrun::receive(client, kVlan, f), 0u);
+    for (const sim::SentPacket &s : sim::sent()) {
+        EXPECT_TRUE(sim::portsIn(s.ports).empty());
+        EXPECT_EQ(s.sendFlags & (SEND_FLAG_FLOOD | SEND_FLAG_BY_FDB), 0u);
+    }
+    EXPECT_EQ(sim::releaseCount(), 2u);
+    expectNothingLearned();
+}

@@ -53,6 +53,8 @@ extern "C" {
 /* The receive-port walk covers flat indexes 0 to 78. */
 #define DS_PORT_WALK_END 79u
 #define DS_UNIT_INDEXES 64u
+/* Unit and slot bytes of a port handle. */
+#define DS_UNIT_SLOT_MASK 0x00FFFF00u
 /* Option-82 trace: pieces are kept while the text stays below this. */
 #define DS_OPT82_DUMP_LIMIT 251
 
@@ -93,60 +95,70 @@ static uint32_t dhcpSnoopFrameBytesFrom(const DhcpSnoopPacket *packet, const uin
     return packet->frameLen - (uint32_t)(at - start);
 }
 
-/* Word and bit of a port in a PortList; 0 when the port has no bit there. */
-static uint32_t dhcpSnoopPortBit(DHCP_SNOOP_UP_T port, uint32_t *word, uint32_t *bit)
-{
-    uint32_t n;
-
-    switch (UP_KIND(port)) {
-    case UP_TYPE_PHYSICAL:
-        n = inner_up_slotbaseoffset_get(UP_SLOT(port)) + UP_PORT(port);
-        *word = (UP_UNIT(port) - 1u) * 3u + (n / 32u) % 3u;
-        *bit = n % 32u;
-        break;
-    case UP_TYPE_PORT_CHANNEL:
-        n = UP_PORT(port) - 1u;
-        *word = 3u + (n / 32u) % 3u;
-        *bit = n % 32u;
-        break;
-    default:
-        return 0;
-    }
-    /* The list holds six words: units past the second have no place in it. */
-    return *word < 6u;
-}
-
-static uint32_t dhcpSnoopPortInList(const PortList *list, DHCP_SNOOP_UP_T port)
-{
-    uint32_t word;
-    uint32_t bit;
-
-    if (dhcpSnoopPortBit(port, &word, &bit) == 0)
-        return 0;
-    return (list->word[word] >> bit) & 1u;
-}
-
-/* Sets rcvPort to the last member of the descriptor's port list. */
+/* Sets rcvPort to the last member of the descriptor's port list.
+ *
+ * The walk runs for every trapped frame, so it asks the platform no more
+ * than it must: a unit's list words are tested once when the walk enters the
+ * unit, a slot's base once per slot, and the port channels, which follow the
+ * units in the flat layout, are not walked when none of their words is set. */
 static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
 {
+    uint32_t words[6];
     uint32_t index = 0;
+    uint32_t unit = UP_INVALID;
+    uint32_t unitWord = 0;
+    uint32_t unitSlot = UP_INVALID;
+    uint32_t slotBase = 0;
+    uint32_t channels;
+    uint32_t i;
     DHCP_SNOOP_UP_T port;
 
+    /* A private copy: the platform calls below cannot change it, so the
+     * compiler need not reload it after each. */
+    for (i = 0; i < 6u; i++)
+        words[i] = inputPacket->ports.word[i];
+    channels = words[3] | words[4] | words[5];
+
     while (index < DS_PORT_WALK_END) {
+        uint32_t word;
+        uint32_t n;
+
         port = UP_INVALID;
         inner_up_from_index(&port, index, 1, __func__, __LINE__);
         if (port == UP_INVALID)
             break;
         if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
-            uint32_t base = (UP_UNIT(port) - 1u) * 3u;
-            /* A unit without a member in the list: skip its ports at once. */
-            if (base <= 3u && inputPacket->ports.word[base] == 0 && inputPacket->ports.word[base + 1u] == 0 &&
-                inputPacket->ports.word[base + 2u] == 0) {
-                index += DS_UNIT_INDEXES;
-                continue;
+            if ((port & DS_UNIT_SLOT_MASK) != unitSlot) {
+                if (UP_UNIT(port) != unit) {
+                    unit = UP_UNIT(port);
+                    unitWord = (unit - 1u) * 3u;
+                    /* A unit without a member in the list: skip its ports at once. */
+                    if (unitWord <= 3u && (words[unitWord] | words[unitWord + 1u] | words[unitWord + 2u]) == 0) {
+                        unit = UP_INVALID;
+                        unitSlot = UP_INVALID;
+                        index += DS_UNIT_INDEXES;
+                        continue;
+                    }
+                }
+                slotBase = inner_up_slotbaseoffset_get(UP_SLOT(port));
+                unitSlot = port & DS_UNIT_SLOT_MASK;
             }
+            n = slotBase + UP_PORT(port);
+            word = n / 32u;
+            if (word >= 3u)
+                word %= 3u;
+            word += unitWord;
+        } else if (UP_KIND(port) == UP_TYPE_PORT_CHANNEL) {
+            if (channels == 0)
+                break;
+            n = UP_PORT(port) - 1u;
+            word = 3u + (n / 32u) % 3u;
+        } else {
+            index++;
+            continue;
         }
-        if (dhcpSnoopPortInList(&inputPacket->ports, port) != 0) {
+        /* The list holds six words: units past the second have no place in it. */
+        if (word < 6u && ((words[word] >> (n % 32u)) & 1u) != 0) {
             rcvPort = port;
             if (DHCP_SNOOP_DEBUG_ON()) {
                 char name[UP_STR_BUF];

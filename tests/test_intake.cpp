@@ -1,5 +1,6 @@
 // Packet pipeline: receive port, VLAN check, element, header validation with
 // its deliberate quirks, the tail, and frames that claim more than they hold.
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -508,3 +509,71 @@ TEST_F(PipelineTest, OptionLengthsBeyondTheFrameStopTheWalk)
 }
 
 }  // namespace
+
+// ---- receive-port walk against a plain reading of its rules ---------------------------
+
+namespace {
+
+// Index by index, every handle tested, a unit without members skipped, the
+// last member kept: what the pipeline's walk must always agree with.
+up referenceReceivePort(const PortList& list, up previous)
+{
+    up found = previous;
+    uint32_t index = 0;
+    while (index < 79) {
+        up h = UP_INVALID;
+        inner_up_from_index(&h, index, 1, __func__, __LINE__);
+        if (h == UP_INVALID)
+            break;
+        uint32_t word = 6;
+        uint32_t n = 0;
+        if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
+            uint32_t base = (UP_UNIT(h) - 1u) * 3u;
+            if (base <= 3u && list.word[base] == 0 && list.word[base + 1] == 0 && list.word[base + 2] == 0) {
+                index += 64;
+                continue;
+            }
+            n = inner_up_slotbaseoffset_get(UP_SLOT(h)) + UP_PORT(h);
+            word = base + (n / 32u) % 3u;
+        } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
+            n = UP_PORT(h) - 1u;
+            word = 3u + (n / 32u) % 3u;
+        }
+        if (word < 6u && ((list.word[word] >> (n % 32u)) & 1u) != 0)
+            found = h;
+        index++;
+    }
+    return found;
+}
+
+}  // namespace
+
+TEST_F(PipelineTest, ReceivePortWalkAgreesWithItsRulesOnAnyListAndStack)
+{
+    const std::vector<std::vector<uint32_t>> stacks = {{1}, {1, 2}, {2}, {1, 3}, {2, 3}};
+    std::mt19937 rng(20261122);
+    const up previous = UP_MAKE(UP_TYPE_PHYSICAL, 9, 0, 9);
+    const fb::Bytes frame = fb::discover().build();
+    size_t checked = 0;
+    for (const std::vector<uint32_t>& units : stacks) {
+        sim::setUnits(units);
+        for (int round = 0; round < 150; round++) {
+            PortList list{};
+            // Mostly one or two bits, sometimes dense words, sometimes none.
+            int bits = (int)(rng() % 4);
+            for (int b = 0; b < bits; b++)
+                list.word[rng() % 6] |= 1u << (rng() % 32);
+            if (rng() % 8 == 0)
+                list.word[rng() % 6] = (uint32_t)rng();
+            const up expected = referenceReceivePort(list, previous);
+
+            DhcpSnoopMsg msg = record(frame, sim::physicalPort(units[0], 1));
+            msg.packet.ports = list;
+            rcvPort = previous;
+            dhcpSnoopPacketHandle(&msg);
+            ASSERT_EQ(rcvPort, expected) << "stack of " << units.size() << " units, round " << round;
+            checked += expected != previous;
+        }
+    }
+    EXPECT_GT(checked, 100u) << "most lists name a member";
+}

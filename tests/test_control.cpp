@@ -580,17 +580,30 @@ TEST_F(ControlSocket, AFileThatIsNoSocketIsLeftAlone)
 TEST_F(ControlSocket, OversizedRequestIsRefusedWithoutReadingOn)
 {
     serve();
+    for (size_t size : {ctl::kRequestMax, ctl::kRequestMax + 10}) {
+        // One byte too many with its newline, and far too many without one.
+        std::string big = size == ctl::kRequestMax ? std::string(size, 'a') + "\n" : std::string(size, 'a');
+        int fd = connectRaw();
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(send(fd, big.data(), big.size(), MSG_NOSIGNAL), (ssize_t)big.size());
+        std::string reply;
+        char buf[256];
+        ssize_t n;
+        while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+            reply.append(buf, (size_t)n);
+        close(fd);
+        EXPECT_EQ(reply, "error\nrequest longer than 1024 bytes") << size;
+    }
+    // At the limit, newline included, it is read and answered.
     int fd = connectRaw();
     ASSERT_GE(fd, 0);
-    std::string big(ctl::kRequestMax + 10, 'a');
-    ASSERT_EQ(send(fd, big.data(), big.size(), MSG_NOSIGNAL), (ssize_t)big.size());
-    std::string reply;
+    std::string limit = std::string(ctl::kRequestMax - 1, 'a') + "\n";
+    ASSERT_EQ(send(fd, limit.data(), limit.size(), MSG_NOSIGNAL), (ssize_t)limit.size());
     char buf[256];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-        reply.append(buf, (size_t)n);
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
     close(fd);
-    EXPECT_EQ(reply, "error\nrequest longer than 1024 bytes");
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(std::string(buf, (size_t)n).rfind("error\nunknown command \"aaaa", 0), 0u);
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the server serves the next client";
 }

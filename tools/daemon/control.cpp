@@ -370,6 +370,7 @@ void Server::serve(int fd)
             text.append(buf, (size_t)n);
             size_t nl = text.find('\n');
             if (nl != std::string::npos) {
+                tooLong = nl + 1 > kRequestMax;
                 text.resize(nl);
                 break;
             }

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -338,6 +339,8 @@ void Server::stop()
 
 void Server::loop()
 {
+    // Named for the module's debug lines written on this thread.
+    pthread_setname_np(pthread_self(), "control");
     for (;;) {
         struct pollfd p[2] = {{listenFd_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
         int n = poll(p, 2, -1);

@@ -1,0 +1,403 @@
+#include "tools/daemon/control.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace ctl {
+
+namespace {
+
+int64_t nowMs()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+int leftMs(int64_t deadline)
+{
+    int64_t left = deadline - nowMs();
+    return left < 0 ? 0 : (int)left;
+}
+
+bool socketAddress(const std::string& path, struct sockaddr_un& addr, std::string& error)
+{
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof addr.sun_path || path.find('\0') != std::string::npos) {
+        error = "control socket path \"" + path + "\" is empty or longer than " +
+                std::to_string(sizeof addr.sun_path - 1) + " bytes";
+        return false;
+    }
+    memcpy(addr.sun_path, path.data(), path.size());
+    return true;
+}
+
+std::string sysError(const std::string& what)
+{
+    return what + ": " + strerror(errno);
+}
+
+void closeFd(int& fd)
+{
+    if (fd >= 0)
+        close(fd);
+    fd = -1;
+}
+
+// Waits for events on fd, or for the wake pipe when one is given. 1 ready,
+// 0 timed out or woken, -1 error.
+int waitFor(int fd, short events, int wakeFd, int64_t deadline)
+{
+    for (;;) {
+        struct pollfd p[2] = {{fd, events, 0}, {wakeFd, POLLIN, 0}};
+        int n = poll(p, wakeFd >= 0 ? 2 : 1, leftMs(deadline));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0 || (wakeFd >= 0 && p[1].revents != 0))
+            return 0;
+        return 1;
+    }
+}
+
+// Writes all of data before the deadline; false otherwise.
+bool writeAll(int fd, const std::string& data, int wakeFd, int64_t deadline)
+{
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+        if (n > 0) {
+            done += (size_t)n;
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && waitFor(fd, POLLOUT, wakeFd, deadline) == 1)
+            continue;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool encodeRequest(const std::vector<std::string>& words, std::string& out, std::string& error)
+{
+    std::string text;
+    for (const std::string& w : words) {
+        if (w.empty()) {
+            error = "empty argument";
+            return false;
+        }
+        for (char ch : w) {
+            unsigned char c = (unsigned char)ch;
+            if (c <= ' ' || c == 0x7F) {
+                error = "argument with a blank or control character";
+                return false;
+            }
+        }
+        text += (text.empty() ? "" : " ") + w;
+    }
+    text += "\n";
+    if (text.size() > kRequestMax) {
+        error = "command longer than " + std::to_string(kRequestMax) + " bytes";
+        return false;
+    }
+    out = text;
+    return true;
+}
+
+bool decodeRequest(const std::string& line, std::vector<std::string>& words, std::string& error)
+{
+    std::vector<std::string> out;
+    std::string word;
+    for (size_t i = 0; i <= line.size(); ++i) {
+        unsigned char c = i < line.size() ? (unsigned char)line[i] : ' ';
+        if (c == ' ') {
+            if (!word.empty())
+                out.push_back(word);
+            word.clear();
+        } else if (c < ' ' || c == 0x7F) {
+            error = "request with a control character";
+            return false;
+        } else {
+            word += (char)c;
+        }
+    }
+    words = out;
+    return true;
+}
+
+std::string encodeReply(const Reply& reply)
+{
+    return (reply.ok ? "ok\n" : "error\n") + reply.body;
+}
+
+bool decodeReply(const std::string& text, Reply& reply, std::string& error)
+{
+    size_t nl = text.find('\n');
+    std::string status = nl == std::string::npos ? text : text.substr(0, nl);
+    if (status != "ok" && status != "error") {
+        error = "the daemon's reply has no status line";
+        return false;
+    }
+    reply.ok = status == "ok";
+    reply.body = nl == std::string::npos ? std::string() : text.substr(nl + 1);
+    return true;
+}
+
+CallResult call(const std::string& path, const std::vector<std::string>& words, Reply& reply,
+                std::string& error, int timeoutMs)
+{
+    std::string request;
+    if (!encodeRequest(words, request, error))
+        return CallResult::BadReply;
+    struct sockaddr_un addr;
+    if (!socketAddress(path, addr, error))
+        return CallResult::Unreachable;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        error = sysError("socket");
+        return CallResult::Unreachable;
+    }
+    int64_t deadline = nowMs() + timeoutMs;
+    CallResult result = CallResult::Unreachable;
+    std::string text;
+    int rc;
+    // A full backlog answers EAGAIN: the daemon is busy with another client.
+    while ((rc = connect(fd, (struct sockaddr*)&addr, sizeof addr)) != 0 && (errno == EAGAIN || errno == EINTR) &&
+           leftMs(deadline) > 0)
+        poll(nullptr, 0, 20);
+    if (rc != 0) {
+        error = sysError("cannot reach the daemon at " + path);
+    } else if (!writeAll(fd, request, -1, deadline)) {
+        error = "cannot reach the daemon at " + path + ": the request was not taken";
+    } else {
+        for (;;) {
+            char buf[4096];
+            ssize_t n = recv(fd, buf, sizeof buf, 0);
+            if (n > 0) {
+                if (text.size() + (size_t)n > kReplyMax) {
+                    error = "the daemon's reply is longer than " + std::to_string(kReplyMax) + " bytes";
+                    result = CallResult::BadReply;
+                    break;
+                }
+                text.append(buf, (size_t)n);
+                continue;
+            }
+            if (n == 0) {
+                result = decodeReply(text, reply, error) ? CallResult::Ok : CallResult::BadReply;
+                break;
+            }
+            if (errno == EINTR)
+                continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                int w = waitFor(fd, POLLIN, -1, deadline);
+                if (w == 1)
+                    continue;
+                error = w == 0 ? "the daemon at " + path + " did not answer within " +
+                                     std::to_string(timeoutMs / 1000) + " s"
+                               : sysError("poll");
+            } else {
+                error = sysError("reading the daemon's reply");
+            }
+            break;
+        }
+    }
+    close(fd);
+    return result;
+}
+
+Server::Server()
+{
+    if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
+        wake_[0] = wake_[1] = -1;
+}
+
+Server::~Server()
+{
+    stop();
+    closeFd(wake_[0]);
+    closeFd(wake_[1]);
+}
+
+bool Server::listen(const std::string& path, std::string& error)
+{
+    struct sockaddr_un addr;
+    if (listenFd_ >= 0) {
+        error = "control socket already open";
+        return false;
+    }
+    if (wake_[0] < 0) {
+        error = "control socket: no wake-up pipe";
+        return false;
+    }
+    if (!socketAddress(path, addr, error))
+        return false;
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            error = "control socket " + path + " exists and is not a socket";
+            return false;
+        }
+        // Replace the file only when nothing answers on it: a second daemon
+        // must not steal the socket of a running one.
+        int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (probe < 0) {
+            error = sysError("socket");
+            return false;
+        }
+        int rc = connect(probe, (struct sockaddr*)&addr, sizeof addr);
+        int err = errno;
+        close(probe);
+        if (rc == 0) {
+            error = "another daemon is listening on " + path;
+            return false;
+        }
+        if (err != ECONNREFUSED) {
+            errno = err;
+            error = sysError("control socket " + path);
+            return false;
+        }
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+            error = sysError("removing the stale control socket " + path);
+            return false;
+        }
+    }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        error = sysError("socket");
+        return false;
+    }
+    // The socket file is created with the umask's mode: never readable by others.
+    mode_t old = umask(0177);
+    int rc = bind(fd, (struct sockaddr*)&addr, sizeof addr);
+    int err = errno;
+    umask(old);
+    if (rc != 0) {
+        errno = err;
+        error = sysError("control socket " + path);
+        close(fd);
+        return false;
+    }
+    if (chmod(path.c_str(), 0600) != 0 || ::listen(fd, 8) != 0) {
+        error = sysError("control socket " + path);
+        unlink(path.c_str());
+        close(fd);
+        return false;
+    }
+    if (lstat(path.c_str(), &st) != 0) {
+        error = sysError("control socket " + path);
+        unlink(path.c_str());
+        close(fd);
+        return false;
+    }
+    dev_ = st.st_dev;
+    ino_ = st.st_ino;
+    listenFd_ = fd;
+    path_ = path;
+    return true;
+}
+
+bool Server::start(Handler handler, std::string& error)
+{
+    if (listenFd_ < 0 || thread_.joinable()) {
+        error = "control socket not open, or already served";
+        return false;
+    }
+    handler_ = std::move(handler);
+    thread_ = std::thread([this] { loop(); });
+    return true;
+}
+
+void Server::stop()
+{
+    if (thread_.joinable()) {
+        char b = 1;
+        ssize_t n = write(wake_[1], &b, 1);
+        (void)n;
+        thread_.join();
+    }
+    if (listenFd_ >= 0) {
+        closeFd(listenFd_);
+        // Only our own socket file: another daemon may have replaced it.
+        struct stat st;
+        if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
+            unlink(path_.c_str());
+    }
+}
+
+void Server::loop()
+{
+    // Named for the module's debug lines written on this thread.
+    pthread_setname_np(pthread_self(), "control");
+    for (;;) {
+        struct pollfd p[2] = {{listenFd_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+        int n = poll(p, 2, -1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 || p[1].revents != 0)
+            return;
+        int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) {
+            // Out of descriptors and the like: wait a little rather than spin.
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED &&
+                waitFor(wake_[0], POLLIN, -1, nowMs() + 100) != 0)
+                return;
+            continue;
+        }
+        serve(fd);
+        close(fd);
+    }
+}
+
+void Server::serve(int fd)
+{
+    int64_t deadline = nowMs() + kClientTimeoutMs;
+    std::string text;
+    bool tooLong = false;
+    for (;;) {
+        char buf[256];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n > 0) {
+            text.append(buf, (size_t)n);
+            size_t nl = text.find('\n');
+            if (nl != std::string::npos) {
+                tooLong = nl + 1 > kRequestMax;
+                text.resize(nl);
+                break;
+            }
+            if (text.size() >= kRequestMax) {
+                tooLong = true;
+                break;
+            }
+            continue;
+        }
+        if (n == 0)
+            break;  // a request without its newline is taken as it stands
+        if (errno == EINTR)
+            continue;
+        if ((errno == EAGAIN || errno == EWOULDBLOCK) && waitFor(fd, POLLIN, wake_[0], deadline) == 1)
+            continue;
+        return;  // error, too slow, or shutting down: no answer
+    }
+    Reply reply;
+    std::vector<std::string> words;
+    if (tooLong)
+        reply.body = "request longer than " + std::to_string(kRequestMax) + " bytes";
+    else if (decodeRequest(text, words, reply.body))
+        reply = handler_(words);
+    writeAll(fd, encodeReply(reply), wake_[0], nowMs() + kClientTimeoutMs);
+}
+
+}  // namespace ctl

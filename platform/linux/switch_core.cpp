@@ -132,12 +132,6 @@ using Guard = std::lock_guard<std::mutex>;
 
 uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
 
-void platformError(const char* fmt, const char* a, unsigned long b)
-{
-    fprintf(stderr, "dhcpsnoopd: ");
-    fprintf(stderr, fmt, a, b);
-    fprintf(stderr, "\n");
-}
 
 size_t pow2AtLeast(size_t n)
 {
@@ -1088,15 +1082,15 @@ void dhcpReleasePacketPool(uint8_t* frame)
     if (!c.up || !frame || at < base || at - base >= total ||
         (at - base) % live::core::kPoolBufferSize != 0) {
         ++c.badReleases;
-        live::core::platformError("release of a buffer that is not the packet pool's (%s%lu)", "",
-                                  (unsigned long)at);
+        fprintf(stderr, "dhcpsnoopd: release of a buffer that is not the packet pool's (%p)\n",
+                static_cast<void*>(frame));
         return;
     }
     size_t s = (at - base) / live::core::kPoolBufferSize;
     live::core::PoolSlot& slot = c.slots[s];
     if (!slot.inUse) {
         ++c.badReleases;
-        live::core::platformError("packet pool buffer %s%lu released twice", "", (unsigned long)s);
+        fprintf(stderr, "dhcpsnoopd: packet pool buffer %lu released twice\n", (unsigned long)s);
         return;
     }
     live::PortCounters& pc = c.ports[slot.rxPort].counters;

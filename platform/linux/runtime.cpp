@@ -20,6 +20,12 @@
 #include "platform/linux/live_internal.h"
 #include "platform/pal.h"
 
+namespace live {
+namespace runtime {
+void consumerEnded(pthread_t self);
+}
+}  // namespace live
+
 struct PalMutex {
     std::string name;
     std::mutex m;
@@ -57,6 +63,8 @@ struct Queue {
     uint32_t head = 0;
     uint32_t count = 0;
     bool consumerBusy = false;  // took a record, not back for the next yet
+    pthread_t consumer{};
+    bool hasConsumer = false;
     std::mutex m;
     std::condition_variable notEmpty;
     std::condition_variable notFull;
@@ -191,6 +199,8 @@ void* threadMain(void* p)
     if (t->name == DHCP_SNOOP_TASK_NAME)
         live::logging::setMainTask(true);
     t->entry(t->arg);
+    // A task that ended (the save task after a failed save) works on nothing.
+    live::runtime::consumerEnded(pthread_self());
     return nullptr;
 }
 
@@ -351,6 +361,8 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     q->head = (q->head + 1) % q->depth;
     --q->count;
     q->consumerBusy = true;
+    q->consumer = pthread_self();
+    q->hasConsumer = true;
     lk.unlock();
     q->notFull.notify_one();
     if (word)
@@ -480,6 +492,20 @@ void setDataDir(const std::string& dir)
 {
     std::lock_guard<std::mutex> g(gFilesLock);
     gDataDir = dir;
+}
+
+void consumerEnded(pthread_t self)
+{
+    std::vector<Queue*> all;
+    {
+        std::lock_guard<std::mutex> g(gQueuesLock);
+        all = queues();
+    }
+    for (Queue* q : all) {
+        std::lock_guard<std::mutex> lk(q->m);
+        if (q->hasConsumer && pthread_equal(q->consumer, self))
+            q->consumerBusy = false;
+    }
 }
 
 bool queueIdle(const char* name)

@@ -261,3 +261,25 @@ TEST_F(Runtime, TheModulesFileLandsInTheDataDirectory)
 }
 
 }  // namespace
+
+namespace {
+
+PalMsgQ gEndQ = 0;
+
+void consumeOnceAndEnd(void*)
+{
+    uint8_t b;
+    pal_msgQ_receive(gEndQ, &b, 1, PAL_WAIT_FOREVER, nullptr);
+}
+
+TEST_F(Runtime, ATaskThatEndsLeavesItsQueueIdle)
+{
+    gEndQ = pal_msgQ_create("/endQ", 2, 1, 0);
+    ASSERT_GT(gEndQ, 0);
+    ASSERT_NE(pal_thread_create("endingTask", 0, 0, consumeOnceAndEnd, nullptr), nullptr);
+    uint8_t b = 1;
+    ASSERT_EQ(pal_msgQ_send(gEndQ, &b, 1, 0, 0), 0);
+    EXPECT_TRUE(waitUntil([] { return live::runtime::queueIdle("/endQ"); }));
+}
+
+}  // namespace

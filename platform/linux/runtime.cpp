@@ -496,12 +496,10 @@ void setDataDir(const std::string& dir)
 
 void consumerEnded(pthread_t self)
 {
-    std::vector<Queue*> all;
-    {
-        std::lock_guard<std::mutex> g(gQueuesLock);
-        all = queues();
-    }
-    for (Queue* q : all) {
+    for (size_t i = 0;; ++i) {
+        Queue* q = queueOf((PalMsgQ)(i + 1));
+        if (!q)
+            break;
         std::lock_guard<std::mutex> lk(q->m);
         if (q->hasConsumer && pthread_equal(q->consumer, self))
             q->consumerBusy = false;
@@ -510,12 +508,10 @@ void consumerEnded(pthread_t self)
 
 bool queueIdle(const char* name)
 {
-    std::vector<Queue*> all;
-    {
-        std::lock_guard<std::mutex> g(gQueuesLock);
-        all = queues();
-    }
-    for (Queue* q : all) {
+    for (size_t i = 0;; ++i) {
+        Queue* q = queueOf((PalMsgQ)(i + 1));
+        if (!q)
+            break;
         if (q->name != name)
             continue;
         std::lock_guard<std::mutex> lk(q->m);

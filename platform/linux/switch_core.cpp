@@ -272,7 +272,9 @@ void qUnlink(Core& c, int32_t idx)
 // ---- frames ----
 
 // IPv4 UDP to port 67 or 68, Ethernet II or 802.3/SNAP, untagged: what the
-// module's intake takes. Every read is bounded by len.
+// module's intake takes. The destination port alone decides: the intake
+// refuses any other, so such a frame is better switched as ordinary UDP.
+// Every read is bounded by len.
 bool isDhcp(const uint8_t* f, size_t len)
 {
     if (len < 14)
@@ -308,7 +310,8 @@ enum class Guarded { Pass, Refuse };
 
 // IPv4 and ARP on an untrusted port of a snooping VLAN pass only from a
 // bound source. An ARP probe (sender 0.0.0.0) claims no address and passes:
-// a client checks its new lease with one.
+// a client checks its new lease with one. Only Ethernet II is looked at:
+// hosts do not send IPv4 or ARP in 802.3/SNAP.
 Guarded sourceGuard(Core& c, const PortState& p, const uint8_t* f, size_t len, uint16_t vid)
 {
     if (p.cfg.trust || !c.snoopVlan[vid & 0xFFFu])
@@ -740,7 +743,8 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
             f += 4;
             len -= 4;
         }
-        // A priority tag (VLAN 0) counts as no tag.
+        // A priority tag (VLAN 0) counts as no tag; a tag of the port's own
+        // access VLAN is taken as well (the replay tool's rule).
         if (!tagged || vid == 0)
             vid = p.cfg.vlan;
         dhcp = isDhcp(f, len);

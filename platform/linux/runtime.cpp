@@ -168,7 +168,12 @@ void* timerThread(void*)
 // ---- files ----
 
 std::mutex gFilesLock;
-std::string gDataDir;
+// Never destroyed: tasks still save while the process exits.
+std::string& dataDir()
+{
+    static std::string* d = new std::string;
+    return *d;
+}
 std::set<std::string>& filePaths()
 {
     static std::set<std::string>* s = new std::set<std::string>;  // c_str() stays valid
@@ -468,12 +473,12 @@ const char* pal_file_path(const char* path)
     if (!path)
         return nullptr;
     std::lock_guard<std::mutex> g(gFilesLock);
-    if (gDataDir.empty())
+    if (dataDir().empty())
         return path;
     std::string p = path;
     size_t slash = p.find_last_of('/');
     std::string base = slash == std::string::npos ? p : p.substr(slash + 1);
-    std::string root = gDataDir;
+    std::string root = dataDir();
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
     std::string full = root == "/" ? "/" + base : root + "/" + base;
@@ -491,7 +496,7 @@ size_t badFrees() { return gBadFrees.load(); }
 void setDataDir(const std::string& dir)
 {
     std::lock_guard<std::mutex> g(gFilesLock);
-    gDataDir = dir;
+    dataDir() = dir;
 }
 
 void consumerEnded(pthread_t self)

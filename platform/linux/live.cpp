@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -275,6 +276,26 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     if (p.running) {
         error = "the switch is already running";
         return false;
+    }
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        for (size_t j = 0; j < i; ++j) {
+            if (!cfg.ports[i].interface.empty() && cfg.ports[i].interface == cfg.ports[j].interface) {
+                error = "interface " + cfg.ports[i].interface + " is given to ports " +
+                        cfg.ports[j].name + " and " + cfg.ports[i].name;
+                return false;
+            }
+        }
+    }
+    // The module loads and saves its binding file here: a missing directory
+    // would lose every save.
+    if (!opt.dataDir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(opt.dataDir, ec);
+        if (!std::filesystem::is_directory(opt.dataDir, ec)) {
+            error = "data directory " + opt.dataDir + ": " +
+                    (ec ? ec.message() : std::string("not a directory"));
+            return false;
+        }
     }
     closeAll(p);
     core::tearDown();

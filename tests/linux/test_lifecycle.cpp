@@ -1,6 +1,8 @@
 // Start, run, stop and reconfigure of the live platform with ports that
 // have no interface behind them: no sockets, so it runs anywhere.
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "live_fixture.h"
 
@@ -77,6 +79,35 @@ TEST_F(Lifecycle, ReconfigureKeepsThePortsOrRefuses)
     std::string more = text + "\n[[port]]\nname = \"1/0/3\"\nvlan = 10\n";
     EXPECT_FALSE(live::reconfigure(config(more), error));
     EXPECT_FALSE(error.empty());
+}
+
+TEST_F(Lifecycle, OneInterfaceForTwoPortsIsRefusedBeforeAnythingOpens)
+{
+    std::string text = kConfig;
+    text += "interface = \"veth9\"\n\n[[port]]\nname = \"1/0/3\"\nvlan = 10\ninterface = \"veth9\"\n";
+    std::string error;
+    EXPECT_FALSE(live::start(config(text), live::Options(), error));
+    EXPECT_EQ(error, "interface veth9 is given to ports 1/0/2 and 1/0/3");
+    EXPECT_FALSE(live::core::isUp());
+}
+
+TEST_F(Lifecycle, TheDataDirectoryIsMadeWhenMissingAndMustBeADirectory)
+{
+    char base[] = "/tmp/live-datadir-XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    live::Options opt;
+    opt.dataDir = std::string(base) + "/a/b";
+    std::string error;
+    ASSERT_TRUE(live::start(config(kConfig), opt, error)) << error;
+    EXPECT_TRUE(std::filesystem::is_directory(opt.dataDir));
+    std::string file = std::string(base) + "/plain";
+    FILE* f = fopen(file.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fclose(f);
+    opt.dataDir = file;
+    EXPECT_FALSE(live::start(config(kConfig), opt, error));
+    EXPECT_EQ(error.rfind("data directory " + file + ": ", 0), 0u) << error;
+    std::filesystem::remove_all(base);
 }
 
 TEST_F(Lifecycle, RunNeedsAStart)

@@ -372,6 +372,9 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     q->notFull.notify_one();
     if (word)
         *word = 0;
+    // The main task's lines from here on are about this record only.
+    if (live::logging::onMainTask())
+        live::logging::clearDropLines();
     return (int32_t)n;
 }
 

@@ -261,3 +261,20 @@ TEST_F(Drops, ARebuiltCopyOfTheFrameCountsForItsBuffer)
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Drops, LinesBeforeTheMainTaskTookTheFrameDoNotCount)
+{
+    rx("1/0/2", fb::discover().build());
+    // Lines of earlier work (a timer tick) come before the frame's record.
+    DHCP_SNOOP_DEBUG("Packet flow overflow\r\n");
+    DhcpSnoopMsg m;
+    memset(&m, 0, sizeof m);
+    ASSERT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m);
+    dhcpReleasePacketPool(m.packet.frame);
+    EXPECT_EQ(counters("1/0/2").dropped.count("rate limit"), 0u);
+    EXPECT_EQ(counters("1/0/2").dropped["dropped"], 1u);
+}
+
+}  // namespace

@@ -753,12 +753,14 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
                 ++p.counters.dropped["VLAN " + std::to_string(vid) + " not carried by the port"];
             return;
         }
+        // A refused frame teaches nothing: a spoofed source must not pull
+        // its victim's traffic to the spoofer's port.
+        if (!dhcp && sourceGuard(c, p, f, len, vid) == Guarded::Refuse) {
+            ++p.counters.sourceGuardDropped;
+            return;
+        }
         fdbLearn(c, f + 6, vid, rx);
         if (!dhcp) {
-            if (sourceGuard(c, p, f, len, vid) == Guarded::Refuse) {
-                ++p.counters.sourceGuardDropped;
-                return;
-            }
             l2Egress(c, f, vid, rx, out);
             tx = c.tx;
         }

@@ -544,6 +544,23 @@ TEST_F(Switch, IpFromAnUntrustedPortPassesOnlyFromItsBinding)
     EXPECT_EQ(counters("1/0/3").sourceGuardDropped, 1u);
 }
 
+TEST_F(Switch, RefusedFrameDoesNotMoveItsSourceInTheFdb)
+{
+    bringUp(kConfig);
+    const uint32_t leased = fb::ip(198, 18, 0, 23);
+    SwQTableEntry e = binding(leased, mac(2), 10, "1/0/2");
+    ASSERT_EQ(swQTableAdd(0, &e), 0u);
+    rx("1/0/2", plainIp(mac(2), kBroadcast, leased));
+    // The same MAC from another port, with an address it does not own.
+    rx("1/0/3", plainIp(mac(2), kBroadcast, fb::ip(198, 18, 0, 66)));
+    FdbEntry f;
+    memset(&f, 0, sizeof f);
+    memcpy(f.mac, mac(2).data(), 6);
+    f.vlan = 10;
+    ASSERT_EQ(swFdbGetEntry(&f), 0u);
+    EXPECT_EQ(f.port, port("1/0/2"));
+}
+
 TEST_F(Switch, TrustedPortsAndOtherVlansAreNotGuarded)
 {
     bringUp(kConfig);

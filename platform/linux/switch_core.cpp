@@ -442,6 +442,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
     memset(&msg, 0, sizeof msg);
     {
         Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size())
+            return;
         PortState& p = c.ports[rx];
         if (len > kPoolBufferSize) {
             ++p.counters.dropped["frame too long for the packet pool"];
@@ -473,11 +475,12 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
     }
     uint32_t rv = dhcpSnoopSendMsgToMainQueue(&msg, 0);
     Guard g(c.lock);
-    if (!c.up)
+    uint32_t s = msg.packet.platformWord - 1;
+    // Torn down meanwhile (tests): nothing left to count or give back.
+    if (!c.up || rx >= c.ports.size() || s >= c.slots.size())
         return;
     PortState& p = c.ports[rx];
     if (rv != 0) {
-        uint32_t s = msg.packet.platformWord - 1;
         c.slots[s].inUse = false;
         LIVE_POISON(msg.packet.frame, kPoolBufferSize);
         c.freeSlots.push_back(s);

@@ -754,4 +754,24 @@ std::optional<uint8_t> messageTypeOf(const Bytes& frame) {
   return (*v)[0];
 }
 
+// ---- ARP ---------------------------------------------------------------------
+
+Bytes arp(uint16_t op, const Mac& senderMac, uint32_t senderIp, uint32_t targetIp, const Mac& dst,
+          const Mac& targetMac) {
+  Bytes b(dst.begin(), dst.end());
+  b.insert(b.end(), senderMac.begin(), senderMac.end());
+  put16(b, kEtherTypeArp);
+  put16(b, 1);               // Ethernet
+  put16(b, kEtherTypeIpv4);  // IPv4
+  put8(b, 6);
+  put8(b, 4);
+  put16(b, op);
+  b.insert(b.end(), senderMac.begin(), senderMac.end());
+  put32(b, senderIp);
+  b.insert(b.end(), targetMac.begin(), targetMac.end());
+  put32(b, targetIp);
+  b.resize(60, 0);
+  return b;
+}
+
 }  // namespace fb

@@ -448,4 +448,16 @@ std::optional<Bytes> findSubOption(const Bytes& option82, uint8_t sub);
 // DHCP message type (option 53), nullopt if absent or not one byte.
 std::optional<uint8_t> messageTypeOf(const Bytes& frame);
 
+// ---- ARP ---------------------------------------------------------------------
+
+constexpr uint16_t kEtherTypeArp = 0x0806;
+constexpr uint16_t kArpRequest = 1;
+constexpr uint16_t kArpReply = 2;
+
+// An Ethernet II ARP frame for IPv4 (source MAC = sender MAC), padded to the
+// 60-byte minimum.
+Bytes arp(uint16_t op, const Mac& senderMac, uint32_t senderIp, uint32_t targetIp,
+          const Mac& dst = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+          const Mac& targetMac = {0, 0, 0, 0, 0, 0});
+
 }  // namespace fb

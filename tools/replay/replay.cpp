@@ -15,6 +15,7 @@
 #include "platform/sim/sim.h"
 #include "snooping/dhcpSnoop.h"
 #include "snooping/dhcpSnoopInternal.h"
+#include "tools/common/drop_reason.h"
 #include "tools/common/switch_config_sim.h"
 
 namespace replay {
@@ -105,61 +106,6 @@ std::string trimEol(std::string s)
     while (!s.empty() && (s.back() == '\n' || s.back() == '\r'))
         s.pop_back();
     return s;
-}
-
-bool startsWith(const std::string& s, const char* prefix)
-{
-    return s.compare(0, strlen(prefix), prefix) == 0;
-}
-
-// The module reports its decisions as debug lines only; a frame that left on
-// no port is named by the most telling line it caused.
-std::string dropReason(const std::vector<std::string>& lines)
-{
-    struct Rule {
-        const char* text;
-        bool prefix;
-        const char* reason;
-    };
-    static const Rule rules[] = {
-        {"mac check failed.", false, "CHADDR mismatch"},
-        {"The value of hardware type in DHCP header is not ethernet MAC address.", false,
-         "invalid DHCP header"},
-        {"magicCookie:", true, "invalid DHCP header"},
-        {"Oh no! MSG Parser ERROR!!", false, "invalid frame"},
-        {"Oh no! Options Parser ERROR!!", false, "invalid DHCP options"},
-        {"Packet flow overflow", false, "rate limit"},
-        {"Drop decline packet", false, "DECLINE rate limit"},
-        {"Drop DHCP offer packet received from untrusted port.", false, "untrusted server message"},
-        {"Drop DHCP ack packet received from untrusted port.", false, "untrusted server message"},
-        {"Drop DHCP nak packet received from untrusted port.", false, "untrusted server message"},
-        {"Find request table binding enttry failed, Drop the DHCP ack packet.", false,
-         "ACK without a pending request"},
-        {"The value of xid field in DHCP ack packet is different from DHCP request packet, drop "
-         "the DHCP ack packet.",
-         false, "ACK xid mismatch"},
-        {"DHCP ack packet and DHCP request packet receive from the same port, drop the DHCP ack "
-         "packet.",
-         false, "ACK on the client's port"},
-        {"Drop DHCP release packet that dosn't find matched entry in the dynamic table.", false,
-         "RELEASE without a binding"},
-        {"Drop DHCP decline packet that dosn't find matched entry in the dynamic table.", false,
-         "DECLINE without a binding"},
-        {"Drop the DHCP packet with option 82.", false, "option 82 present (policy drop)"},
-        {"Get memory for the elemet of table failed, forward the DHCP packet immediately.", false,
-         "element pool empty"},
-        {"Forward unkown packet.", false, "unknown message type"},
-        {"RCV port equals dst port.", false, "destination behind the receive port"},
-        {"Forward packet to port failed.", false, "transmit failed"},
-    };
-    for (const Rule& r : rules)
-        for (const auto& l : lines)
-            if (r.prefix ? startsWith(l, r.text) : l == r.text)
-                return r.reason;
-    for (const auto& l : lines)
-        if (startsWith(l, "E - "))
-            return "module error";
-    return "dropped";
 }
 
 std::string ipText(const uint8_t* ip)
@@ -299,7 +245,7 @@ public:
             }
         }
         if (delivered == 0) {
-            std::string reason = dropReason(lines);
+            std::string reason = dropreason::dropReason(lines);
             if (reason == "dropped" && nowhere)
                 reason = "no egress port";
             drop(f, port, reason);

@@ -1,0 +1,94 @@
+// Inside the live platform: the socket-free switching core and the runtime
+// hooks that live.cpp (sockets, threads) and the unit tests drive.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "platform/linux/live.h"
+#include "snooping/dhcpSnoop.h"
+
+namespace live {
+namespace core {
+
+// Largest frame taken from or given to an interface.
+constexpr size_t kMaxFrame = 65536;
+// Bytes of one packet-pool buffer: a trapped frame must fit.
+constexpr size_t kPoolBufferSize = 2048;
+
+// Delivers one frame on a configured port (index into cfg.ports). tagVid >= 0:
+// an 802.1Q tag with that VLAN goes in after the two MAC addresses.
+using Transmit =
+    std::function<void(size_t port, const uint8_t* frame, size_t len, int32_t tagVid)>;
+
+// Sizes everything from opt and takes over cfg; no sockets. False with
+// error when the configuration cannot be switched (ports without handles,
+// sizes of zero).
+bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std::string& error);
+// Frees the pool and tables. Buffers the module still holds are lost to it.
+void tearDown();
+bool isUp();
+
+// One frame received on a configured port. vlanTci < 0: no tag was stripped
+// by the kernel; otherwise the stripped tag's TCI. A tag still in the frame
+// is taken out in place, so the bytes are the core's to change.
+void receive(size_t port, uint8_t* frame, size_t len, int32_t vlanTci);
+// Removes the FDB entries not seen for the aging time.
+void ageFdb();
+
+// The port index of a configured port's handle; (size_t)-1 when none.
+size_t portIndex(up handle);
+bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
+// The switch MAC when the configuration gives none (the first interface's).
+void setFallbackMac(const uint8_t mac[6]);
+
+std::vector<PortCounters> counters();
+
+// Milliseconds of the monotonic clock the FDB ages by; tests replace it.
+uint64_t nowMs();
+void setClock(std::function<uint64_t()> clock);
+
+
+// Leak checks for tests.
+size_t poolBuffersInUse();
+size_t badReleases();
+size_t fdbCount();
+size_t sourceGuardCount();
+
+}  // namespace core
+
+namespace runtime {
+
+// Blocks of pal_alloc/pal_calloc not given back; blocks pal_free did not know.
+size_t outstandingAllocs();
+size_t badFrees();
+// Where pal_file_path puts the module's files.
+void setDataDir(const std::string& dir);
+// The number of records waiting in a named queue, and whether its consumer
+// is still working on the last record it took.
+bool queueIdle(const char* name);
+// Marks the switch application as started (isSwitchInited).
+
+}  // namespace runtime
+
+namespace logging {
+
+// Marks the switch application as started (isSwitchInited).
+void setSwitchInited(bool on);
+// System-log entries: kept (at most eventsKept), and to syslog(3) when asked.
+void configure(bool useSyslog, uint32_t eventsKept);
+void clearEvents();
+// The calling thread is the module's main task: its debug lines are kept
+// for naming the drop of the frame it works on.
+void setMainTask(bool on);
+bool onMainTask();
+// The drop reason the main task's lines since the last call give; starts
+// the next frame's lines.
+std::string takeDropReason();
+// Clears the main task's lines without naming anything.
+void clearDropLines();
+
+}  // namespace logging
+}  // namespace live

@@ -1,0 +1,274 @@
+// The live platform's logging: the module's debug and error lines, the
+// system log, the process and module names.
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+
+#include "platform/linux/live_internal.h"
+#include "tools/common/drop_reason.h"
+
+namespace {
+
+constexpr size_t kLineMax = 1024;
+const char kErrorPrefix[] = "\x1b[31;49m";
+const char kErrorSuffix[] = "\x1b[0m\r\n";
+
+std::atomic<bool> gDebug{false};
+std::atomic<bool> gSwitchInited{false};
+
+std::mutex gEventsLock;
+std::deque<live::Event>& eventRing()
+{
+    static std::deque<live::Event>* d = new std::deque<live::Event>;
+    return *d;
+}
+uint32_t gEventsKept = 256;
+bool gUseSyslog = false;
+bool gSyslogOpen = false;
+
+thread_local bool tMainTask = false;
+// Only the main task touches it.
+dropreason::Classifier& classifier()
+{
+    static dropreason::Classifier* c = new dropreason::Classifier;
+    return *c;
+}
+
+const char* kLogLoadOk = "DHCP snooping: binding file loaded";
+const char* kLogLoadFail = "DHCP snooping: binding file could not be loaded";
+const char* kLogRateOverflow = "DHCP snooping: DHCP rate limit exceeded on port %s";
+const char* kLogDeclineOverflow = "DHCP snooping: DHCPDECLINE rate limit exceeded on port %s";
+
+bool startsWith(const char* s, size_t n, const char* prefix)
+{
+    size_t p = strlen(prefix);
+    return n >= p && memcmp(s, prefix, p) == 0;
+}
+
+// The message of a composed line: after the "[<...>]" prefix, without the
+// suffix and line ends.
+void messageOf(const char* text, size_t n, const char** msg, size_t* len)
+{
+    const char* start = text;
+    for (size_t i = 0; i + 1 < n; ++i) {
+        if (text[i] == ']' && text[i + 1] == ' ') {
+            start = text + i + 2;
+            break;
+        }
+    }
+    size_t m = n - (size_t)(start - text);
+    size_t sl = sizeof kErrorSuffix - 1;
+    if (m >= sl && memcmp(start + m - sl, kErrorSuffix, sl) == 0)
+        m -= sl;
+    while (m > 0 && (start[m - 1] == '\n' || start[m - 1] == '\r'))
+        --m;
+    *msg = start;
+    *len = m;
+}
+
+void writeStderr(const char* text, size_t n, bool error)
+{
+    char out[kLineMax + 2];
+    size_t o = 0;
+    const char* p = text;
+    size_t m = n;
+    bool tty = isatty(2) != 0;
+    if (error && !tty && startsWith(p, m, kErrorPrefix)) {
+        p += sizeof kErrorPrefix - 1;
+        m -= sizeof kErrorPrefix - 1;
+    }
+    size_t sl = sizeof kErrorSuffix - 1;
+    if (error && !tty && m >= sl && memcmp(p + m - sl, kErrorSuffix, sl) == 0)
+        m -= sl;
+    while (m > 0 && (p[m - 1] == '\n' || p[m - 1] == '\r'))
+        --m;
+    if (m > kLineMax)
+        m = kLineMax;
+    memcpy(out, p, m);
+    o = m;
+    if (o < sizeof out)
+        out[o++] = '\n';
+    // One write: lines of different tasks do not interleave.
+    ssize_t w = write(2, out, o);
+    (void)w;
+}
+
+uint64_t unixMs()
+{
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return (uint64_t)tv.tv_sec * 1000u + (uint64_t)tv.tv_usec / 1000u;
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t debugFlagGet(uint32_t mid)
+{
+    // The module always writes its lines: the main task's name the drops;
+    // what reaches standard error is decided in debugPrintf.
+    (void)mid;
+    return 1;
+}
+
+int debugPrintf(uint32_t mid, const char* format, ...)
+{
+    (void)mid;
+    if (!format)
+        return 0;
+    char buf[kLineMax];
+    va_list ap;
+    va_start(ap, format);
+    int n = vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    if (n < 0)
+        return n;
+    size_t len = (size_t)n < sizeof buf ? (size_t)n : sizeof buf - 1;
+    bool error = startsWith(buf, len, kErrorPrefix);
+    if (tMainTask) {
+        const char* msg;
+        size_t mlen;
+        messageOf(buf, len, &msg, &mlen);
+        classifier().add(msg, mlen);
+    }
+    if (error || gDebug.load(std::memory_order_relaxed))
+        writeStderr(buf, len, error);
+    return n;
+}
+
+const char* midNameGet(uint32_t mid)
+{
+    (void)mid;
+    return "DHCPSNOOP";
+}
+
+uint32_t pidGetCurrent(void) { return (uint32_t)getpid(); }
+
+const char* pidNameGet(uint32_t pid)
+{
+    (void)pid;
+    return "dhcpsnoopd";
+}
+
+uint32_t isSwitchInited(void) { return gSwitchInited.load() ? 1 : 0; }
+
+uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uintptr_t a4,
+                   uintptr_t a5, uintptr_t a6)
+{
+    (void)a2;
+    (void)a3;
+    (void)a4;
+    (void)a5;
+    (void)a6;
+    const char* tmpl = nullptr;
+    bool arg1Text = false;
+    int prio = LOG_WARNING;
+    switch (code) {
+    case DHCP_SNOOP_LOG_LOAD_OK:
+        tmpl = kLogLoadOk;
+        prio = LOG_INFO;
+        break;
+    case DHCP_SNOOP_LOG_LOAD_FAIL:
+        tmpl = kLogLoadFail;
+        break;
+    case DHCP_SNOOP_LOG_RATE_OVERFLOW:
+        tmpl = kLogRateOverflow;
+        arg1Text = true;
+        break;
+    case DHCP_SNOOP_LOG_DECLINE_OVERFLOW:
+        tmpl = kLogDeclineOverflow;
+        arg1Text = true;
+        break;
+    default:
+        break;
+    }
+    std::string text;
+    if (tmpl) {
+        text = tmpl;
+        size_t pos = text.find("%s");
+        if (pos != std::string::npos) {
+            // The text argument is valid only during the call: copied now.
+            std::string arg = arg1Text && a1 ? reinterpret_cast<const char*>(a1) : "";
+            text.replace(pos, 2, arg);
+        }
+    } else {
+        char b[64];
+        snprintf(b, sizeof b, "system log code 0x%08X", (unsigned)code);
+        text = b;
+    }
+    live::Event e;
+    e.unixMs = unixMs();
+    e.code = code;
+    e.text = text;
+    std::lock_guard<std::mutex> g(gEventsLock);
+    if (gUseSyslog) {
+        if (!gSyslogOpen) {
+            openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
+            gSyslogOpen = true;
+        }
+        syslog(prio, "%s", text.c_str());
+    }
+    if (gEventsKept > 0) {
+        auto& ring = eventRing();
+        while (ring.size() >= gEventsKept)
+            ring.pop_front();
+        ring.push_back(std::move(e));
+    }
+    return 0;
+}
+
+}  // extern "C"
+
+namespace live {
+
+void setDebug(bool on) { gDebug.store(on); }
+bool debug() { return gDebug.load(); }
+
+std::vector<Event> events()
+{
+    std::lock_guard<std::mutex> g(gEventsLock);
+    return std::vector<Event>(eventRing().begin(), eventRing().end());
+}
+
+namespace logging {
+
+void setSwitchInited(bool on) { gSwitchInited.store(on); }
+
+void configure(bool useSyslog, uint32_t eventsKept)
+{
+    std::lock_guard<std::mutex> g(gEventsLock);
+    gUseSyslog = useSyslog;
+    gEventsKept = eventsKept;
+    auto& ring = eventRing();
+    while (ring.size() > gEventsKept)
+        ring.pop_front();
+}
+
+void clearEvents()
+{
+    std::lock_guard<std::mutex> g(gEventsLock);
+    eventRing().clear();
+}
+
+void setMainTask(bool on) { tMainTask = on; }
+bool onMainTask() { return tMainTask; }
+
+std::string takeDropReason()
+{
+    std::string r = classifier().reason();
+    classifier().clear();
+    return r;
+}
+
+void clearDropLines() { classifier().clear(); }
+
+}  // namespace logging
+}  // namespace live

@@ -1,0 +1,1269 @@
+// The live platform's software switch without its sockets: VLAN admission,
+// the DHCP trap, the IP source guard, the FDB, egress selection with tags,
+// the packet pool, and the platform functions of ports, snooping
+// configuration, FDB, source-guard table and stacking built on them.
+//
+// Everything is sized in setUp; frames never make anything grow.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/linux/live_internal.h"
+#include "snooping/dhcpSnoopInternal.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define LIVE_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) && !defined(LIVE_ASAN)
+#define LIVE_ASAN 1
+#endif
+#ifdef LIVE_ASAN
+#include <sanitizer/asan_interface.h>
+// A released buffer is poisoned until it is handed out again: a use after
+// the release is caught.
+#define LIVE_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
+#define LIVE_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION((p), (n))
+#else
+#define LIVE_POISON(p, n) ((void)(p), (void)(n))
+#define LIVE_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
+namespace live {
+namespace core {
+namespace {
+
+constexpr uint32_t kPortsPerUnit = 64;
+constexpr uint32_t kMaxPortChannels = 15;
+// The simulated switch's shape, kept so ports name the same indexes.
+constexpr uint32_t kDefaultPorts = 28;
+constexpr uint32_t kDefaultPortChannels = 8;
+// Ports a configuration can name: 64 physical and 15 port channels.
+constexpr size_t kMaxPorts = 80;
+constexpr int32_t kNone = -1;
+constexpr uint16_t kTpid = 0x8100;
+
+struct FdbSlot {
+    uint8_t mac[6];
+    uint16_t vid;
+    uint32_t port;  // index into ports
+    uint64_t seenMs;
+    int32_t next;
+};
+
+struct QSlot {
+    SwQTableEntry e;
+    int32_t next;
+    bool used;
+};
+
+struct PoolSlot {
+    bool inUse = false;
+    size_t rxPort = 0;
+    uint32_t sends = 0;
+    uint32_t delivered = 0;
+};
+
+struct PortState {
+    swcfg::PortConfig cfg;
+    PortCounters counters;
+};
+
+struct StackRegs {
+    StkUsoDataSyncSetCb setCb = nullptr;
+    StkUsoDataSyncGetCb getCb = nullptr;
+    StkUsoDataSyncFreeCb freeCb = nullptr;
+    StkUsoRuntimeDataHnd runtime = nullptr;
+    StkUsoUnitCb attach = nullptr;
+    StkUsoUnitCb detach = nullptr;
+    StkUsoUnitCb update = nullptr;
+};
+
+struct Core {
+    std::mutex lock;
+    bool up = false;
+    swcfg::SwitchConfig cfg;
+    Options opt;
+    // Shared so a frame in flight keeps it past a tear-down.
+    std::shared_ptr<const Transmit> tx;
+    std::vector<PortState> ports;
+    std::map<::up, size_t> portOf;
+    std::map<::up, DhcpSnoopPortCfg> records;
+    std::vector<bool> snoopVlan = std::vector<bool>(4096, false);
+    uint32_t physicalPorts = kDefaultPorts;
+    uint32_t portChannels = kDefaultPortChannels;
+    bool haveFallbackMac = false;
+    uint8_t fallbackMac[6] = {0, 0, 0, 0, 0, 0};
+
+    std::vector<FdbSlot> fdb;
+    std::vector<int32_t> fdbBuckets;
+    int32_t fdbFree = kNone;
+    size_t fdbUsed = 0;
+
+    std::vector<QSlot> qtable;
+    std::vector<int32_t> qBuckets;
+    int32_t qFree = kNone;
+    size_t qUsed = 0;
+
+    uint8_t* pool = nullptr;
+    std::vector<PoolSlot> slots;
+    std::vector<uint32_t> freeSlots;
+    size_t badReleases = 0;
+
+    StackRegs stk;
+    std::function<uint64_t()> clock;
+};
+
+Core& core()
+{
+    // Never destroyed: tasks still running at exit may call in.
+    static Core* c = new Core;
+    return *c;
+}
+
+using Guard = std::lock_guard<std::mutex>;
+
+uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
+
+
+size_t pow2AtLeast(size_t n)
+{
+    size_t p = 1;
+    while (p < n)
+        p <<= 1;
+    return p;
+}
+
+uint32_t macHash(const uint8_t* mac, uint16_t vid)
+{
+    uint32_t h = 2166136261u;
+    for (int i = 0; i < 6; ++i)
+        h = (h ^ mac[i]) * 16777619u;
+    h = (h ^ (vid & 0xFFu)) * 16777619u;
+    h = (h ^ (vid >> 8)) * 16777619u;
+    return h;
+}
+
+uint32_t ipHash(const uint8_t* ip)
+{
+    uint32_t h = 2166136261u;
+    for (int i = 0; i < 4; ++i)
+        h = (h ^ ip[i]) * 16777619u;
+    return h;
+}
+
+// ---- port list bits (the module's layout) ----
+
+bool portBit(::up h, uint32_t* word, uint32_t* bit)
+{
+    if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
+        uint32_t unit = UP_UNIT(h);
+        if (unit == 0)
+            return false;
+        uint32_t n = UP_SLOT(h) * kPortsPerUnit + UP_PORT(h);
+        *word = (unit - 1) * 3 + (n / 32) % 3;
+        *bit = n % 32;
+    } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
+        if (UP_PORT(h) == 0)
+            return false;
+        uint32_t m = UP_PORT(h) - 1;
+        *word = 3 + (m / 32) % 3;
+        *bit = m % 32;
+    } else {
+        return false;
+    }
+    return *word < 6;
+}
+
+bool inList(const PortList& l, ::up h)
+{
+    uint32_t w, b;
+    return portBit(h, &w, &b) && ((l.word[w] >> b) & 1u) != 0;
+}
+
+// ---- FDB (under the lock) ----
+
+int32_t fdbFind(Core& c, const uint8_t* mac, uint16_t vid)
+{
+    if (c.fdbBuckets.empty())
+        return kNone;
+    uint32_t b = macHash(mac, vid) & (uint32_t)(c.fdbBuckets.size() - 1);
+    for (int32_t i = c.fdbBuckets[b]; i != kNone; i = c.fdb[(size_t)i].next)
+        if (c.fdb[(size_t)i].vid == vid && memcmp(c.fdb[(size_t)i].mac, mac, 6) == 0)
+            return i;
+    return kNone;
+}
+
+void fdbLearn(Core& c, const uint8_t* mac, uint16_t vid, size_t port)
+{
+    // Group and all-zero sources are never learned.
+    static const uint8_t zero[6] = {0, 0, 0, 0, 0, 0};
+    if ((mac[0] & 1u) != 0 || memcmp(mac, zero, 6) == 0)
+        return;
+    uint64_t now = c.clock ? c.clock() : 0;
+    int32_t i = fdbFind(c, mac, vid);
+    if (i != kNone) {
+        c.fdb[(size_t)i].port = (uint32_t)port;  // a station that moved
+        c.fdb[(size_t)i].seenMs = now;
+        return;
+    }
+    // A full table learns nothing more until entries age out; such frames
+    // are flooded.
+    if (c.fdbFree == kNone)
+        return;
+    i = c.fdbFree;
+    FdbSlot& s = c.fdb[(size_t)i];
+    c.fdbFree = s.next;
+    memcpy(s.mac, mac, 6);
+    s.vid = vid;
+    s.port = (uint32_t)port;
+    s.seenMs = now;
+    uint32_t b = macHash(mac, vid) & (uint32_t)(c.fdbBuckets.size() - 1);
+    s.next = c.fdbBuckets[b];
+    c.fdbBuckets[b] = i;
+    ++c.fdbUsed;
+}
+
+void fdbFlush(Core& c)
+{
+    std::fill(c.fdbBuckets.begin(), c.fdbBuckets.end(), kNone);
+    for (size_t i = 0; i < c.fdb.size(); ++i)
+        c.fdb[i].next = i + 1 < c.fdb.size() ? (int32_t)(i + 1) : kNone;
+    c.fdbFree = c.fdb.empty() ? kNone : 0;
+    c.fdbUsed = 0;
+}
+
+// ---- source guard (under the lock) ----
+
+bool sourceBound(Core& c, const uint8_t* ip, const uint8_t* mac, uint16_t vid, ::up port)
+{
+    if (c.qBuckets.empty())
+        return false;
+    uint32_t b = ipHash(ip) & (uint32_t)(c.qBuckets.size() - 1);
+    for (int32_t i = c.qBuckets[b]; i != kNone; i = c.qtable[(size_t)i].next) {
+        const SwQTableEntry& e = c.qtable[(size_t)i].e;
+        if (memcmp(e.ip, ip, 4) == 0 && memcmp(e.mac, mac, 6) == 0 && e.vlan == vid && e.port == port)
+            return true;
+    }
+    return false;
+}
+
+void qUnlink(Core& c, int32_t idx)
+{
+    uint32_t b = ipHash(c.qtable[(size_t)idx].e.ip) & (uint32_t)(c.qBuckets.size() - 1);
+    int32_t* link = &c.qBuckets[b];
+    while (*link != kNone && *link != idx)
+        link = &c.qtable[(size_t)*link].next;
+    if (*link == idx)
+        *link = c.qtable[(size_t)idx].next;
+    c.qtable[(size_t)idx].used = false;
+    c.qtable[(size_t)idx].next = c.qFree;
+    c.qFree = idx;
+    --c.qUsed;
+}
+
+// ---- frames ----
+
+// IPv4 UDP to port 67 or 68, Ethernet II or 802.3/SNAP, untagged: what the
+// module's intake takes. The destination port alone decides: the intake
+// refuses any other, so such a frame is better switched as ordinary UDP.
+// Every read is bounded by len.
+bool isDhcp(const uint8_t* f, size_t len)
+{
+    if (len < 14)
+        return false;
+    size_t ip;
+    uint16_t t = rd16(f + 12);
+    if (t == 0x0800) {
+        ip = 14;
+    } else if (t <= 0x05DC) {
+        static const uint8_t snap[8] = {0xAA, 0xAA, 0x03, 0x00, 0x00, 0x00, 0x08, 0x00};
+        if (len < 22 || memcmp(f + 14, snap, 8) != 0)
+            return false;
+        ip = 22;
+    } else {
+        return false;
+    }
+    if (len < ip + 20 || (f[ip] >> 4) != 4)
+        return false;
+    size_t ihl = (size_t)(f[ip] & 0x0F) * 4;
+    if (ihl < 20 || f[ip + 9] != 17)
+        return false;
+    // A later fragment has no UDP header to look at.
+    if ((rd16(f + ip + 6) & 0x1FFF) != 0)
+        return false;
+    size_t udp = ip + ihl;
+    if (len < udp + 8)
+        return false;
+    uint16_t dport = rd16(f + udp + 2);
+    return dport == 67 || dport == 68;
+}
+
+enum class Guarded { Pass, Refuse };
+
+// IPv4 and ARP on an untrusted port of a snooping VLAN pass only from a
+// bound source. An ARP probe (sender 0.0.0.0) claims no address and passes:
+// a client checks its new lease with one. Only Ethernet II is looked at:
+// hosts do not send IPv4 or ARP in 802.3/SNAP.
+Guarded sourceGuard(Core& c, const PortState& p, const uint8_t* f, size_t len, uint16_t vid)
+{
+    if (p.cfg.trust || !c.snoopVlan[vid & 0xFFFu])
+        return Guarded::Pass;
+    uint16_t t = rd16(f + 12);
+    if (t == 0x0800 && c.cfg.ipFilter) {
+        if (len < 14 + 20)
+            return Guarded::Refuse;
+        return sourceBound(c, f + 26, f + 6, vid, p.cfg.handle) ? Guarded::Pass : Guarded::Refuse;
+    }
+    if (t == 0x0806 && c.cfg.arpDefend) {
+        if (len < 14 + 28 || rd16(f + 14) != 1 || rd16(f + 16) != 0x0800 || f[18] != 6 || f[19] != 4)
+            return Guarded::Refuse;
+        static const uint8_t zero[4] = {0, 0, 0, 0};
+        if (memcmp(f + 28, zero, 4) == 0)
+            return Guarded::Pass;
+        return sourceBound(c, f + 28, f + 22, vid, p.cfg.handle) ? Guarded::Pass : Guarded::Refuse;
+    }
+    return Guarded::Pass;
+}
+
+struct Egress {
+    size_t n = 0;
+    std::array<size_t, kMaxPorts> port;
+    std::array<int32_t, kMaxPorts> tag;
+
+    void add(Core& c, size_t i, uint16_t vid)
+    {
+        if (n >= port.size())
+            return;
+        port[n] = i;
+        tag[n] = c.ports[i].cfg.tags(vid) ? (int32_t)vid : -1;
+        ++n;
+    }
+};
+
+void flood(Core& c, uint16_t vid, const PortList* except, size_t exceptPort, Egress& out)
+{
+    for (size_t i = 0; i < c.ports.size(); ++i) {
+        if (i == exceptPort || !c.ports[i].cfg.carries(vid))
+            continue;
+        if (except && inList(*except, c.ports[i].cfg.handle))
+            continue;
+        out.add(c, i, vid);
+    }
+}
+
+// Unicast by the FDB, else flooded in the VLAN; never back out of rx.
+void l2Egress(Core& c, const uint8_t* dst, uint16_t vid, size_t rx, Egress& out)
+{
+    if ((dst[0] & 1u) == 0) {
+        int32_t i = fdbFind(c, dst, vid);
+        if (i != kNone) {
+            size_t p = c.fdb[(size_t)i].port;
+            if (p != rx && p < c.ports.size() && c.ports[p].cfg.carries(vid))
+                out.add(c, p, vid);
+            return;
+        }
+    }
+    flood(c, vid, nullptr, rx, out);
+}
+
+void transmitAll(Core& c, const std::shared_ptr<const Transmit>& tx, const Egress& e,
+                 const uint8_t* f, size_t len)
+{
+    if (e.n == 0)
+        return;
+    for (size_t k = 0; k < e.n; ++k)
+        if (tx && *tx)
+            (*tx)(e.port[k], f, len, e.tag[k]);
+    Guard g(c.lock);
+    for (size_t k = 0; k < e.n; ++k)
+        if (e.port[k] < c.ports.size())
+            ++c.ports[e.port[k]].counters.txFrames;
+}
+
+DhcpSnoopPortCfg recordOf(const swcfg::PortConfig& p)
+{
+    DhcpSnoopPortCfg r;
+    memset(&r, 0, sizeof r);
+    r.trust = p.trust ? 1 : 0;
+    r.macVerify = p.verifyMac ? 1 : 0;
+    r.limitRate = p.rate;
+    r.decLimitRate = p.declineRate;
+    r.op82Enable = p.option82 ? 1 : 0;
+    r.Op82Policy = p.option82Policy;
+    r.circuitIdFormat = p.circuitId.empty() ? 0 : 1;
+    r.remoteIdFormat = p.remoteId.empty() ? 0 : 1;
+    memcpy(r.circuitId, p.circuitId.data(), std::min(p.circuitId.size(), sizeof r.circuitId - 1));
+    memcpy(r.remoteId, p.remoteId.data(), std::min(p.remoteId.size(), sizeof r.remoteId - 1));
+    return r;
+}
+
+// Takes cfg's switch-wide settings and port records (under the lock).
+void applyConfig(Core& c, const swcfg::SwitchConfig& cfg)
+{
+    c.cfg = cfg;
+    c.records.clear();
+    c.portOf.clear();
+    c.physicalPorts = kDefaultPorts;
+    c.portChannels = kDefaultPortChannels;
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        const swcfg::PortConfig& p = cfg.ports[i];
+        c.records[p.handle] = recordOf(p);
+        c.portOf[p.handle] = i;
+        if (UP_KIND(p.handle) == UP_TYPE_PHYSICAL)
+            c.physicalPorts = std::max(c.physicalPorts, std::min(UP_PORT(p.handle), kPortsPerUnit));
+        else
+            c.portChannels = std::max(c.portChannels, std::min(UP_PORT(p.handle), kMaxPortChannels));
+        if (i < c.ports.size())
+            c.ports[i].cfg = p;
+    }
+    std::fill(c.snoopVlan.begin(), c.snoopVlan.end(), false);
+    for (uint16_t v : cfg.snoopingVlans)
+        c.snoopVlan[v & 0xFFFu] = true;
+}
+
+uint64_t steadyMs()
+{
+    return (uint64_t)std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
+{
+    DhcpSnoopMsg msg;
+    memset(&msg, 0, sizeof msg);
+    {
+        Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size())
+            return;
+        PortState& p = c.ports[rx];
+        if (len > kPoolBufferSize) {
+            ++p.counters.dropped["frame too long for the packet pool"];
+            return;
+        }
+        if (c.freeSlots.empty()) {
+            ++p.counters.dropped["packet pool full"];
+            return;
+        }
+        uint32_t s = c.freeSlots.back();
+        c.freeSlots.pop_back();
+        PoolSlot& slot = c.slots[s];
+        slot = PoolSlot();
+        slot.inUse = true;
+        slot.rxPort = rx;
+        uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
+        LIVE_UNPOISON(buf, kPoolBufferSize);
+        memcpy(buf, f, len);
+        msg.type = DHCP_SNOOP_MSG_PACKET;
+        uint32_t w, b;
+        if (portBit(p.cfg.handle, &w, &b))
+            msg.packet.ports.word[w] |= 1u << b;
+        msg.packet.frame = buf;
+        msg.packet.frameLen = (uint32_t)len;
+        msg.packet.vid = vid;
+        // Which buffer a transmission belongs to, also when the module sends
+        // a rebuilt copy of the frame.
+        msg.packet.platformWord = s + 1;
+    }
+    uint32_t rv = dhcpSnoopSendMsgToMainQueue(&msg, 0);
+    Guard g(c.lock);
+    uint32_t s = msg.packet.platformWord - 1;
+    // Torn down meanwhile (tests): nothing left to count or give back.
+    if (!c.up || rx >= c.ports.size() || s >= c.slots.size())
+        return;
+    PortState& p = c.ports[rx];
+    if (rv != 0) {
+        c.slots[s].inUse = false;
+        LIVE_POISON(msg.packet.frame, kPoolBufferSize);
+        c.freeSlots.push_back(s);
+        ++p.counters.dropped["queue full"];
+        return;
+    }
+    ++p.counters.trapped;
+}
+
+}  // namespace
+
+// ---- control -------------------------------------------------------------
+
+bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std::string& error)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (c.up) {
+        error = "the switch is already set up";
+        return false;
+    }
+    if (opt.packetPool == 0 || opt.fdbSize == 0 || opt.sourceGuardSize == 0) {
+        error = "packet pool, FDB and source-guard table need a size above 0";
+        return false;
+    }
+    if (cfg.ports.size() > kMaxPorts) {
+        error = "too many ports";
+        return false;
+    }
+    for (const auto& p : cfg.ports) {
+        if (p.handle == UP_INVALID) {
+            error = "port " + p.name + " has no handle";
+            return false;
+        }
+    }
+    c.pool = new (std::nothrow) uint8_t[(size_t)opt.packetPool * kPoolBufferSize];
+    if (!c.pool) {
+        error = "no memory for the packet pool";
+        return false;
+    }
+    LIVE_POISON(c.pool, (size_t)opt.packetPool * kPoolBufferSize);
+    c.slots.assign(opt.packetPool, PoolSlot());
+    c.freeSlots.clear();
+    c.freeSlots.reserve(opt.packetPool);
+    for (uint32_t i = opt.packetPool; i > 0; --i)
+        c.freeSlots.push_back(i - 1);
+    c.badReleases = 0;
+
+    c.fdb.assign(opt.fdbSize, FdbSlot());
+    c.fdbBuckets.assign(pow2AtLeast((size_t)opt.fdbSize * 2), kNone);
+    fdbFlush(c);
+
+    c.qtable.assign(opt.sourceGuardSize, QSlot());
+    c.qBuckets.assign(pow2AtLeast((size_t)opt.sourceGuardSize * 2), kNone);
+    for (size_t i = 0; i < c.qtable.size(); ++i)
+        c.qtable[i].next = i + 1 < c.qtable.size() ? (int32_t)(i + 1) : kNone;
+    c.qFree = 0;
+    c.qUsed = 0;
+
+    c.opt = opt;
+    c.tx = std::make_shared<const Transmit>(std::move(tx));
+    c.ports.clear();
+    c.ports.resize(cfg.ports.size());
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        c.ports[i].counters.name = cfg.ports[i].name;
+        c.ports[i].counters.interface = cfg.ports[i].interface;
+    }
+    applyConfig(c, cfg);
+    c.haveFallbackMac = false;
+    c.stk = StackRegs();
+    if (!c.clock)
+        c.clock = steadyMs;
+    c.up = true;
+    return true;
+}
+
+void tearDown()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (!c.up)
+        return;
+    c.up = false;
+    if (c.pool) {
+        LIVE_UNPOISON(c.pool, c.slots.size() * kPoolBufferSize);
+        delete[] c.pool;
+        c.pool = nullptr;
+    }
+    c.slots.clear();
+    c.freeSlots.clear();
+    c.fdb.clear();
+    c.fdbBuckets.clear();
+    c.fdbFree = kNone;
+    c.fdbUsed = 0;
+    c.qtable.clear();
+    c.qBuckets.clear();
+    c.qFree = kNone;
+    c.qUsed = 0;
+    c.ports.clear();
+    c.portOf.clear();
+    c.records.clear();
+    c.tx.reset();
+    c.cfg = swcfg::SwitchConfig();
+    std::fill(c.snoopVlan.begin(), c.snoopVlan.end(), false);
+}
+
+bool isUp()
+{
+    Guard g(core().lock);
+    return core().up;
+}
+
+size_t portIndex(::up handle)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    auto it = c.portOf.find(handle);
+    return it == c.portOf.end() ? (size_t)-1 : it->second;
+}
+
+bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (!c.up) {
+        error = "the switch is not running";
+        return false;
+    }
+    if (cfg.ports.size() != c.ports.size()) {
+        error = "the set of ports changed: restart the daemon for that";
+        return false;
+    }
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        const swcfg::PortConfig& now = c.ports[i].cfg;
+        const swcfg::PortConfig& next = cfg.ports[i];
+        if (now.handle != next.handle || now.interface != next.interface) {
+            error = "port " + next.name + ": ports and their interfaces cannot change while running";
+            return false;
+        }
+    }
+    applyConfig(c, cfg);
+    // VLAN membership may have changed: learned places are learned again.
+    fdbFlush(c);
+    return true;
+}
+
+void setFallbackMac(const uint8_t mac[6])
+{
+    Core& c = core();
+    Guard g(c.lock);
+    memcpy(c.fallbackMac, mac, 6);
+    c.haveFallbackMac = true;
+}
+
+std::vector<PortCounters> counters()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    std::vector<PortCounters> out;
+    for (const auto& p : c.ports)
+        out.push_back(p.counters);
+    return out;
+}
+
+uint64_t nowMs()
+{
+    Core& c = core();
+    std::function<uint64_t()> clock;
+    {
+        Guard g(c.lock);
+        clock = c.clock;
+    }
+    return clock ? clock() : steadyMs();
+}
+
+void setClock(std::function<uint64_t()> clock)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    c.clock = clock ? std::move(clock) : std::function<uint64_t()>(steadyMs);
+}
+
+size_t poolBuffersInUse()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.slots.size() - c.freeSlots.size();
+}
+
+size_t badReleases()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.badReleases;
+}
+
+size_t fdbCount()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.fdbUsed;
+}
+
+size_t sourceGuardCount()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.qUsed;
+}
+
+void ageFdb()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (!c.up)
+        return;
+    uint64_t now = c.clock ? c.clock() : steadyMs();
+    uint64_t maxAge = (uint64_t)c.opt.fdbAgingSec * 1000u;
+    for (size_t b = 0; b < c.fdbBuckets.size(); ++b) {
+        int32_t* link = &c.fdbBuckets[b];
+        while (*link != kNone) {
+            FdbSlot& s = c.fdb[(size_t)*link];
+            if (now - s.seenMs >= maxAge) {
+                int32_t gone = *link;
+                *link = s.next;
+                s.next = c.fdbFree;
+                c.fdbFree = gone;
+                --c.fdbUsed;
+            } else {
+                link = &s.next;
+            }
+        }
+    }
+}
+
+// ---- the data path ---------------------------------------------------------
+
+void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
+{
+    Core& c = core();
+    Egress out;
+    std::shared_ptr<const Transmit> tx;
+    uint8_t* f = frame;
+    uint16_t vid = 0;
+    bool dhcp = false;
+    {
+        Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size() || !frame)
+            return;
+        PortState& p = c.ports[rx];
+        ++p.counters.rxFrames;
+        if (len < 14)
+            return;
+        bool tagged = false;
+        if (vlanTci >= 0) {
+            tagged = true;
+            vid = (uint16_t)(vlanTci & 0x0FFF);
+        } else if (len >= 18 && rd16(f + 12) == kTpid) {
+            tagged = true;
+            vid = rd16(f + 14) & 0x0FFF;
+            // The tag goes; the addresses move up to where it ended.
+            memmove(f + 4, f, 12);
+            f += 4;
+            len -= 4;
+        }
+        // A priority tag (VLAN 0) counts as no tag; a tag of the port's own
+        // access VLAN is taken as well (the replay tool's rule).
+        if (!tagged || vid == 0)
+            vid = p.cfg.vlan;
+        dhcp = isDhcp(f, len);
+        if (vid == 0 || !p.cfg.carries(vid)) {
+            if (dhcp)
+                ++p.counters.dropped["VLAN " + std::to_string(vid) + " not carried by the port"];
+            return;
+        }
+        // A refused frame teaches nothing: a spoofed source must not pull
+        // its victim's traffic to the spoofer's port.
+        if (!dhcp && sourceGuard(c, p, f, len, vid) == Guarded::Refuse) {
+            ++p.counters.sourceGuardDropped;
+            return;
+        }
+        fdbLearn(c, f + 6, vid, rx);
+        if (!dhcp) {
+            l2Egress(c, f, vid, rx, out);
+            tx = c.tx;
+        }
+    }
+    if (dhcp) {
+        trap(c, rx, f, len, vid);
+        return;
+    }
+    transmitAll(c, tx, out, f, len);
+}
+
+}  // namespace core
+}  // namespace live
+
+using live::core::core;
+using live::core::Guard;
+
+extern "C" {
+
+// ---- ports ----------------------------------------------------------------
+
+uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
+                             uint32_t line)
+{
+    (void)func;
+    (void)line;
+    if (!handle)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    if (flag == 0) {
+        if (index == 0) {
+            *handle = UP_INVALID;
+            return 0;
+        }
+        index -= 1;
+    }
+    uint32_t unit = c.up ? c.cfg.unit : 1;
+    uint32_t physical = unit * live::core::kPortsPerUnit;
+    if (index < physical)
+        *handle = UP_MAKE(UP_TYPE_PHYSICAL, index / live::core::kPortsPerUnit + 1, 0,
+                          index % live::core::kPortsPerUnit + 1);
+    else if (index - physical < live::core::kMaxPortChannels)
+        *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - physical + 1);
+    else
+        *handle = UP_INVALID;
+    return 0;
+}
+
+uint32_t inner_up_is_valid(up handle)
+{
+    auto& c = core();
+    Guard g(c.lock);
+    uint32_t unit = c.up ? c.cfg.unit : 1;
+    if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
+        return UP_UNIT(handle) == unit && UP_SLOT(handle) == 0 && UP_PORT(handle) >= 1 &&
+                       UP_PORT(handle) <= c.physicalPorts
+                   ? 1
+                   : 0;
+    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
+        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= c.portChannels ? 1 : 0;
+    return 0;
+}
+
+uint32_t inner_up_is_provision(up handle)
+{
+    // One unit, always present: nothing is provisioned for an absent one.
+    (void)handle;
+    return 0;
+}
+
+uint32_t inner_up_unit_is_valid(uint32_t unit)
+{
+    auto& c = core();
+    Guard g(c.lock);
+    return unit == (c.up ? c.cfg.unit : 1u) ? 1 : 0;
+}
+
+uint32_t inner_up_unitbase_get(uint32_t unit)
+{
+    return unit == 0 ? 0 : (unit - 1) * live::core::kPortsPerUnit;
+}
+
+uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slot * live::core::kPortsPerUnit; }
+
+uint32_t usUp2Str(up handle, char* text, uint32_t flag)
+{
+    (void)flag;
+    if (!text)
+        return 1;
+    if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
+        snprintf(text, UP_STR_BUF, "%u/%u/%u", (unsigned)UP_UNIT(handle), (unsigned)UP_SLOT(handle),
+                 (unsigned)UP_PORT(handle));
+    else if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
+        snprintf(text, UP_STR_BUF, "po%u", (unsigned)UP_PORT(handle));
+    else
+        snprintf(text, UP_STR_BUF, "unknown");
+    return 0;
+}
+
+static bool parseByte(const char** p, uint32_t* value)
+{
+    const char* q = *p;
+    uint32_t v = 0;
+    int digits = 0;
+    while (*q >= '0' && *q <= '9') {
+        v = v * 10 + (uint32_t)(*q - '0');
+        if (++digits > 3 || v > 255)
+            return false;
+        ++q;
+    }
+    if (digits == 0)
+        return false;
+    *p = q;
+    *value = v;
+    return true;
+}
+
+uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
+{
+    (void)unit;
+    (void)flag;
+    if (!handle)
+        return 1;
+    *handle = UP_INVALID;
+    if (!text)
+        return 1;
+    const char* p = text;
+    while (*p == ' ' || *p == '\t')
+        ++p;
+    uint32_t a, b, d;
+    if (p[0] == 'p' && p[1] == 'o') {
+        const char* q = p + 2;
+        if (parseByte(&q, &a) && *q == '\0') {
+            *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, a);
+            return 0;
+        }
+        return 1;
+    }
+    const char* q = p;
+    if (parseByte(&q, &a) && *q++ == '/' && parseByte(&q, &b) && *q++ == '/' && parseByte(&q, &d) &&
+        *q == '\0') {
+        *handle = UP_MAKE(UP_TYPE_PHYSICAL, a, b, d);
+        return 0;
+    }
+    return 1;
+}
+
+// ---- snooping configuration ----------------------------------------------------
+
+static DhcpSnoopPortCfg recordFor(up port)
+{
+    auto& c = core();
+    auto it = c.records.find(port);
+    if (it != c.records.end())
+        return it->second;
+    DhcpSnoopPortCfg r;
+    memset(&r, 0, sizeof r);
+    return r;
+}
+
+uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
+{
+    if (!trust)
+        return 1;
+    Guard g(core().lock);
+    *trust = recordFor(port).trust;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortMacVerify(up port, uint8_t* macVerify)
+{
+    if (!macVerify)
+        return 1;
+    Guard g(core().lock);
+    *macVerify = recordFor(port).macVerify;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortCfg(up port, DhcpSnoopPortCfg* cfg)
+{
+    if (!cfg)
+        return 1;
+    Guard g(core().lock);
+    *cfg = recordFor(port);
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortLimitRate(up port, uint8_t* rate)
+{
+    if (!rate)
+        return 1;
+    Guard g(core().lock);
+    *rate = recordFor(port).limitRate;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetPortDecLimitRate(up port, uint8_t* rate)
+{
+    if (!rate)
+        return 1;
+    Guard g(core().lock);
+    *rate = recordFor(port).decLimitRate;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetVlanEnableStatusByVid(uint16_t vid, uint8_t* enabled)
+{
+    if (!enabled)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    *enabled = c.snoopVlan[vid & 0xFFFu] ? 1 : 0;
+    return 0;
+}
+
+uint32_t swDhcpSnoopGetQAddStatus(uint8_t* status)
+{
+    if (!status)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    *status = !c.up || c.cfg.tableUpdates ? 1 : 0;
+    return 0;
+}
+
+uint32_t swDhcpSnoopSetPortCfg(up port, const DhcpSnoopPortCfg* cfg)
+{
+    if (!cfg)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    c.records[port] = *cfg;
+    return 0;
+}
+
+// ---- FDB, MAC, transmission, packet pool ------------------------------------------
+
+uint32_t swFdbGetEntry(FdbEntry* entry)
+{
+    if (!entry)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    if (!c.up || entry->vlan > 0xFFFu)
+        return 1;
+    int32_t i = live::core::fdbFind(c, entry->mac, (uint16_t)entry->vlan);
+    if (i == live::core::kNone)
+        return 1;
+    size_t p = c.fdb[(size_t)i].port;
+    if (p >= c.ports.size())
+        return 1;
+    entry->port = c.ports[p].cfg.handle;
+    entry->word = 0;
+    return 0;
+}
+
+uint32_t getMacAddress(uint8_t* mac)
+{
+    if (!mac)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    if (c.up && c.cfg.hasMac) {
+        memcpy(mac, c.cfg.mac.data(), 6);
+        return 0;
+    }
+    if (c.haveFallbackMac) {
+        memcpy(mac, c.fallbackMac, 6);
+        return 0;
+    }
+    return 1;
+}
+
+uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
+{
+    if (!packet || !packet->frame)
+        return 1;
+    auto& c = core();
+    live::core::Egress out;
+    std::shared_ptr<const live::core::Transmit> tx;
+    const uint8_t* f = packet->frame;
+    size_t len = packet->frameLen;
+    uint16_t vid = packet->vid;
+    {
+        Guard g(c.lock);
+        if (!c.up || len < 14 || len > live::core::kPoolBufferSize || vid == 0 || vid > 0xFFFu)
+            return 1;
+        // The receive port of the frame the module works on.
+        live::core::PoolSlot* slot = nullptr;
+        size_t rx = (size_t)-1;
+        uint32_t s = packet->platformWord;
+        if (s >= 1 && s <= c.slots.size() && c.slots[s - 1].inUse) {
+            slot = &c.slots[s - 1];
+            rx = slot->rxPort;
+        }
+        if (packet->sendFlags & SEND_FLAG_FLOOD) {
+            live::core::flood(c, vid, &packet->ports, (size_t)-1, out);
+        } else if (packet->sendFlags & SEND_FLAG_BY_FDB) {
+            live::core::l2Egress(c, f, vid, rx, out);
+        } else {
+            for (size_t i = 0; i < c.ports.size(); ++i)
+                if (c.ports[i].cfg.carries(vid) && live::core::inList(packet->ports, c.ports[i].cfg.handle))
+                    out.add(c, i, vid);
+        }
+        if (slot) {
+            ++slot->sends;
+            slot->delivered += (uint32_t)out.n;
+        }
+        tx = c.tx;
+    }
+    live::core::transmitAll(c, tx, out, f, len);
+    return 0;
+}
+
+void dhcpReleasePacketPool(uint8_t* frame)
+{
+    auto& c = core();
+    bool main = live::logging::onMainTask();
+    std::string reason = main ? live::logging::takeDropReason() : "dropped";
+    Guard g(c.lock);
+    size_t total = c.slots.size() * live::core::kPoolBufferSize;
+    uintptr_t base = (uintptr_t)c.pool;
+    uintptr_t at = (uintptr_t)frame;
+    if (!c.up || !frame || at < base || at - base >= total ||
+        (at - base) % live::core::kPoolBufferSize != 0) {
+        ++c.badReleases;
+        fprintf(stderr, "dhcpsnoopd: release of a buffer that is not the packet pool's (%p)\n",
+                static_cast<void*>(frame));
+        return;
+    }
+    size_t s = (at - base) / live::core::kPoolBufferSize;
+    live::core::PoolSlot& slot = c.slots[s];
+    if (!slot.inUse) {
+        ++c.badReleases;
+        fprintf(stderr, "dhcpsnoopd: packet pool buffer %lu released twice\n", (unsigned long)s);
+        return;
+    }
+    live::PortCounters& pc = c.ports[slot.rxPort].counters;
+    if (slot.delivered > 0) {
+        ++pc.dhcpForwarded;
+    } else {
+        if (reason == "dropped" && slot.sends > 0)
+            reason = "no egress port";
+        ++pc.dropped[reason];
+    }
+    slot.inUse = false;
+    LIVE_POISON(frame, live::core::kPoolBufferSize);
+    c.freeSlots.push_back((uint32_t)s);
+}
+
+// ---- source guard -------------------------------------------------------------
+
+uint32_t swQTableSearchByIpAndSource(const SwQTableEntry* entry, uint32_t* index, uint32_t* found)
+{
+    if (!entry || !index || !found)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    *found = 0;
+    if (c.qBuckets.empty())
+        return 0;
+    uint32_t b = live::core::ipHash(entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
+    for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
+        const SwQTableEntry& e = c.qtable[(size_t)i].e;
+        if (memcmp(e.ip, entry->ip, 4) == 0 && e.source == entry->source) {
+            *found = 1;
+            *index = (uint32_t)i;
+            return 0;
+        }
+    }
+    return 0;
+}
+
+uint32_t swQTableDel(uint32_t unit, uint32_t index, uint32_t found)
+{
+    (void)unit;
+    auto& c = core();
+    Guard g(c.lock);
+    if (!found || index >= c.qtable.size() || !c.qtable[index].used)
+        return 1;
+    live::core::qUnlink(c, (int32_t)index);
+    return 0;
+}
+
+uint32_t swQTableAdd(uint32_t unit, const SwQTableEntry* entry)
+{
+    (void)unit;
+    if (!entry)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    if (c.qBuckets.empty())
+        return 1;
+    uint32_t b = live::core::ipHash(entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
+    for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
+        const SwQTableEntry& e = c.qtable[(size_t)i].e;
+        if (memcmp(e.ip, entry->ip, 4) == 0 && memcmp(e.mac, entry->mac, 6) == 0 &&
+            e.vlan == entry->vlan && e.port == entry->port && e.source == entry->source)
+            return QTABLE_RESULT_EXISTS;
+    }
+    if (c.qFree == live::core::kNone)
+        return 1;  // full
+    int32_t i = c.qFree;
+    live::core::QSlot& s = c.qtable[(size_t)i];
+    c.qFree = s.next;
+    s.e = *entry;
+    s.used = true;
+    s.next = c.qBuckets[b];
+    c.qBuckets[b] = i;
+    ++c.qUsed;
+    return 0;
+}
+
+uint32_t getIncludeIpFilter(uint32_t* flag)
+{
+    if (!flag)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    *flag = c.up && c.cfg.ipFilter ? 1 : 0;
+    return 0;
+}
+
+uint32_t getIncludeArpDefend(uint32_t* flag)
+{
+    if (!flag)
+        return 1;
+    auto& c = core();
+    Guard g(c.lock);
+    *flag = c.up && c.cfg.arpDefend ? 1 : 0;
+    return 0;
+}
+
+// ---- stacking: a single unit --------------------------------------------------------
+
+uint32_t stkGetCurrentUnit(void)
+{
+    auto& c = core();
+    Guard g(c.lock);
+    return c.up ? c.cfg.unit : 1;
+}
+
+uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
+{
+    // No other unit to tell.
+    (void)mid;
+    return usoData && (usoData->len == 0 || usoData->data) ? 0 : 1;
+}
+
+uint32_t stkUsoDataSyncCbReg(uint32_t mid, uint32_t priority, StkUsoDataSyncSetCb setCb,
+                             StkUsoDataSyncGetCb getCb, StkUsoDataSyncFreeCb freeCb)
+{
+    (void)mid;
+    (void)priority;
+    auto& c = core();
+    Guard g(c.lock);
+    c.stk.setCb = setCb;
+    c.stk.getCb = getCb;
+    c.stk.freeCb = freeCb;
+    return 0;
+}
+
+uint32_t stkUsoRuntimeDataHndReg(uint32_t mid, StkUsoRuntimeDataHnd hnd)
+{
+    (void)mid;
+    auto& c = core();
+    Guard g(c.lock);
+    c.stk.runtime = hnd;
+    return 0;
+}
+
+uint32_t stkUsoAttachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    auto& c = core();
+    Guard g(c.lock);
+    c.stk.attach = cb;
+    return 0;
+}
+
+uint32_t stkUsoDetachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    auto& c = core();
+    Guard g(c.lock);
+    c.stk.detach = cb;
+    return 0;
+}
+
+uint32_t stkUsoUpdateCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
+{
+    (void)mid;
+    (void)priority;
+    auto& c = core();
+    Guard g(c.lock);
+    c.stk.update = cb;
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,94 @@
+#include "tools/common/drop_reason.h"
+
+#include <cstring>
+
+namespace dropreason {
+
+namespace {
+
+struct Rule {
+    const char* text;
+    bool prefix;
+    const char* reason;
+};
+
+// In order of precedence: the first rule any line matches names the drop.
+const Rule kRules[] = {
+    {"mac check failed.", false, "CHADDR mismatch"},
+    {"The value of hardware type in DHCP header is not ethernet MAC address.", false,
+     "invalid DHCP header"},
+    {"magicCookie:", true, "invalid DHCP header"},
+    {"Oh no! MSG Parser ERROR!!", false, "invalid frame"},
+    {"Oh no! Options Parser ERROR!!", false, "invalid DHCP options"},
+    {"Packet flow overflow", false, "rate limit"},
+    {"Drop decline packet", false, "DECLINE rate limit"},
+    {"Drop DHCP offer packet received from untrusted port.", false, "untrusted server message"},
+    {"Drop DHCP ack packet received from untrusted port.", false, "untrusted server message"},
+    {"Drop DHCP nak packet received from untrusted port.", false, "untrusted server message"},
+    {"Find request table binding enttry failed, Drop the DHCP ack packet.", false,
+     "ACK without a pending request"},
+    {"The value of xid field in DHCP ack packet is different from DHCP request packet, drop "
+     "the DHCP ack packet.",
+     false, "ACK xid mismatch"},
+    {"DHCP ack packet and DHCP request packet receive from the same port, drop the DHCP ack "
+     "packet.",
+     false, "ACK on the client's port"},
+    {"Drop DHCP release packet that dosn't find matched entry in the dynamic table.", false,
+     "RELEASE without a binding"},
+    {"Drop DHCP decline packet that dosn't find matched entry in the dynamic table.", false,
+     "DECLINE without a binding"},
+    {"Drop the DHCP packet with option 82.", false, "option 82 present (policy drop)"},
+    {"Get memory for the elemet of table failed, forward the DHCP packet immediately.", false,
+     "element pool empty"},
+    {"Forward unkown packet.", false, "unknown message type"},
+    {"RCV port equals dst port.", false, "destination behind the receive port"},
+    {"Forward packet to port failed.", false, "transmit failed"},
+};
+constexpr size_t kRuleCount = sizeof kRules / sizeof kRules[0];
+
+bool matches(const Rule& r, const char* line, size_t len)
+{
+    size_t n = strlen(r.text);
+    if (r.prefix)
+        return len >= n && memcmp(line, r.text, n) == 0;
+    return len == n && memcmp(line, r.text, n) == 0;
+}
+
+}  // namespace
+
+void Classifier::add(const char* line, size_t len)
+{
+    for (size_t i = 0; i < kRuleCount && i < best_; ++i) {
+        if (matches(kRules[i], line, len)) {
+            best_ = i;
+            break;
+        }
+    }
+    if (len >= 4 && memcmp(line, "E - ", 4) == 0)
+        moduleError_ = true;
+}
+
+void Classifier::add(const std::string& line) { add(line.data(), line.size()); }
+
+std::string Classifier::reason() const
+{
+    if (best_ < kRuleCount)
+        return kRules[best_].reason;
+    return moduleError_ ? "module error" : "dropped";
+}
+
+void Classifier::clear()
+{
+    best_ = (size_t)-1;
+    moduleError_ = false;
+}
+
+std::string dropReason(const std::vector<std::string>& lines)
+{
+    Classifier c;
+    for (const auto& l : lines)
+        c.add(l);
+    return c.reason();
+}
+
+}  // namespace dropreason

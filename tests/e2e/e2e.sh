@@ -23,7 +23,8 @@
 # flood, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
-# DHCPSNOOP_E2E_KEEP=1 keeps the work directory.
+# DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
+# files); DHCPSNOOP_E2E_DEBUG=1 runs the daemon with --debug.
 set -uo pipefail
 
 SKIP=77
@@ -221,8 +222,10 @@ EOF
 daemon_start() {
   local before
   before=$(grep -c 'dhcpsnoopd: ready' "$work/daemon.log" 2>/dev/null)
+  local debug=()
+  [ "${DHCPSNOOP_E2E_DEBUG:-0}" = 1 ] && debug=(--debug)
   ip netns exec "$ns_sw" "$daemon" --config "$work/switch.toml" --data-dir "$work/data" \
-    --control "$work/ctl.sock" >>"$work/daemon.log" 2>&1 &
+    --control "$work/ctl.sock" "${debug[@]}" >>"$work/daemon.log" 2>&1 &
   daemon_pid=$!
   pids+=("$daemon_pid")
   local deadline=$((SECONDS + 20))

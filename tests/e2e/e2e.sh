@@ -79,13 +79,22 @@ daemon_pid=""
 udhcpc_pid=""
 failures=()
 
-# Namespaces left behind by a run that was killed outright (its pid is gone).
+# Namespaces and work directories left behind by a run that was killed
+# outright (its pid is gone).
+# A run is alive while its pid runs this script (a zombie's or a reused
+# pid's command line does not name it).
+run_alive() { { tr '\0' ' ' <"/proc/$1/cmdline"; } 2>/dev/null | grep -q 'e2e\.sh'; }
 for old in $(ip netns list 2>/dev/null | awk '{print $1}' | grep -E '^dse[0-9]+-' || true); do
   owner="${old%%-*}"; owner="${owner#dse}"
-  if ! kill -0 "$owner" 2>/dev/null; then
+  if ! run_alive "$owner"; then
     for p in $(ip netns pids "$old" 2>/dev/null); do kill -KILL "$p" 2>/dev/null; done
     ip netns del "$old" 2>/dev/null
   fi
+done
+for old in /tmp/dhcpsnoop-e2e-dse[0-9]*-*; do
+  [ -d "$old" ] || continue
+  owner="${old#/tmp/dhcpsnoop-e2e-dse}"; owner="${owner%%-*}"
+  [ -e "$old/.kept" ] || run_alive "$owner" || rm -rf "$old"
 done
 
 cleanup() {
@@ -107,7 +116,7 @@ cleanup() {
         [ -s "$work/$f" ] && { echo "---- $f (last lines)"; tail -n 25 "$work/$f"; }
       done
     fi
-    if [ "${DHCPSNOOP_E2E_KEEP:-0}" = 1 ]; then echo "work directory kept: $work"; else rm -rf "$work"; fi
+    if [ "${DHCPSNOOP_E2E_KEEP:-0}" = 1 ]; then touch "$work/.kept"; echo "work directory kept: $work"; else rm -rf "$work"; fi
   fi
   exit $rc
 }
@@ -120,11 +129,11 @@ trap 'echo "e2e: interrupted"; exit 1' INT TERM
   trap 'kill "$nap" 2>/dev/null; exit 0' TERM
   sleep "${DHCPSNOOP_E2E_TIMEOUT:-150}" >/dev/null 2>&1 &
   nap=$!
-  wait "$nap" && { echo "e2e: timed out"; kill -TERM $$; }
+  wait "$nap" && run_alive $$ && { echo "e2e: timed out"; kill -TERM $$; }
 ) &
 watchdog=$!
 
-work="$(mktemp -d /tmp/dhcpsnoop-e2e-XXXXXX)"
+work="$(mktemp -d "/tmp/dhcpsnoop-e2e-$tag-XXXXXX")"
 chmod 755 "$work"
 
 # ---- results ---------------------------------------------------------------

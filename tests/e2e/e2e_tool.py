@@ -150,14 +150,25 @@ def cmd_opt82(args):
 
 
 def cmd_no_opt82(args):
-    """pcap-no-opt82 PCAP: no DHCP frame of the capture carries option 82."""
+    """pcap-no-opt82 PCAP: no server reply (op 2) of the capture carries
+    option 82."""
     total = with82 = 0
     for p in dhcp_frames(args[0]):
+        if p["op"] != 2:
+            continue
         total += 1
         if opt82_of(p) is not None:
             with82 += 1
-    print("DHCP frames: %d, with option 82: %d" % (total, with82))
+    print("server replies: %d, with option 82: %d" % (total, with82))
     return 0 if with82 == 0 else 1
+
+
+def cmd_requests_with_opt82(args):
+    """pcap-requests-opt82 PCAP: (information) client requests (op 1) that
+    carry option 82."""
+    n = sum(1 for p in dhcp_frames(args[0]) if p["op"] == 1 and opt82_of(p) is not None)
+    print(n)
+    return 0
 
 
 def cmd_replies_with_opt82(args):
@@ -404,6 +415,7 @@ COMMANDS = {
     "pcap-opt82": (cmd_opt82, 3),
     "pcap-no-opt82": (cmd_no_opt82, 1),
     "pcap-replies-opt82": (cmd_replies_with_opt82, 1),
+    "pcap-requests-opt82": (cmd_requests_with_opt82, 1),
     "pcap-replies-from": (cmd_count_from, 2),
     "pcap-count-xid": (cmd_count_xid, 2),
     "pcap-count-echo": (cmd_count_echo, 2),

@@ -7,7 +7,8 @@
 # Namespace "sw" holds the switch side of four veth pairs (sw1..sw4), the
 # ports 1/0/1..1/0/4 of the daemon; every other end sits in a namespace of its
 # own as eth0:
-#   1/0/1  dnsmasq, the real server (trusted)       198.18.0.1, pool .100-.150
+#   1/0/1  dnsmasq, the real server (trusted, option 82 stripped from its
+#          replies)                                 198.18.0.1, pool .100-.150
 #   1/0/2  a rogue dnsmasq (untrusted)              198.18.1.1, pool 198.18.1.x
 #   1/0/3  client A, busybox udhcpc (untrusted, option 82, rate 20/s)
 #   1/0/4  client B, ISC dhclient   (untrusted, option 82, rate 20/s)
@@ -28,6 +29,7 @@
 set -uo pipefail
 
 SKIP=77
+PATH="$PATH:/usr/sbin:/sbin"
 here="$(cd "$(dirname "$0")" && pwd)"
 tool=(python3 "$here/e2e_tool.py")
 
@@ -35,8 +37,8 @@ usage() { echo "usage: e2e.sh (--daemon DHCPSNOOPD --ctl DHCPSNOOPCTL | --bridge
 mode="" daemon="" ctl="" step=""
 while [ $# -gt 0 ]; do
   case "$1" in
-    --daemon) daemon="${2:-}"; mode=daemon; shift 2 ;;
-    --ctl) ctl="${2:-}"; shift 2 ;;
+    --daemon) [ $# -ge 2 ] || usage; daemon="$2"; mode=daemon; shift 2 ;;
+    --ctl) [ $# -ge 2 ] || usage; ctl="$2"; shift 2 ;;
     --bridge) mode=bridge; shift ;;
     -*) usage ;;
     *) step="$1"; shift ;;
@@ -484,12 +486,21 @@ step_source_guard() {
     check "port 1/0/4 counts the refused frames as source_guard_dropped" \
       at_least "$(counter 1/0/4 source_guard_dropped)" $((dropped_before + 3))
   fi
+  # Without the static entries client B must ask for the server's MAC: the
+  # server would learn the asker's address from the request, unless the
+  # switch refused it (arp_defend).
+  in_ns "$ns_srv" ip neigh del "$ip_unleased" dev eth0
+  in_ns "$ns_b" ip neigh flush dev eth0
+  no_ping_from "$ns_b" 2
+  snoop_check "the server never learns $ip_unleased: client B's ARP requests from it are refused" \
+    no_neigh "$ns_srv" "$ip_unleased"
   in_ns "$ns_b" ip -4 addr flush dev eth0
   in_ns "$ns_b" ip addr add "$ip_b/24" dev eth0
   in_ns "$ns_b" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
   check "back on its leased address, client B pings the server again" ping_from "$ns_b" 3
 }
 
+no_neigh() { ! ip -n "$1" neigh show "$2" dev eth0 | grep -q lladdr; }
 in_range() { [ "$1" -ge "$2" ] && [ "$1" -le "$3" ]; }
 
 step_flood() {

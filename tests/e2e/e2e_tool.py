@@ -189,7 +189,7 @@ def cmd_count_from(args):
 def cmd_count_xid(args):
     """pcap-count-xid PCAP XID_PREFIX_HEX: prints the number of requests whose
     transaction ID starts with the 16-bit prefix."""
-    prefix = int(args[0 + 1], 16)
+    prefix = int(args[1], 16)
     n = sum(1 for p in dhcp_frames(args[0]) if p["op"] == 1 and (p["xid"] >> 16) == prefix)
     print(n)
     return 0
@@ -328,13 +328,6 @@ def cmd_binding_file_match(args):
     return 0 if not problems else 1
 
 
-def cmd_bindings_macs(args):
-    """bindings-macs BINDINGS_JSON: prints "MAC IP PORT" per binding."""
-    for b in load_json(args[0]):
-        print("%s %s %s" % (b.get("mac"), b.get("ip"), b.get("port")))
-    return 0
-
-
 def cmd_rate_events(args):
     """rate-events EVENTS_JSON PORT: prints the number of DHCP rate-limit
     entries of the port (not the DECLINE limit's)."""
@@ -420,7 +413,6 @@ COMMANDS = {
     "pcap-count-xid": (cmd_count_xid, 2),
     "pcap-count-echo": (cmd_count_echo, 2),
     "bindings-match": (cmd_bindings_match, 3),
-    "bindings-macs": (cmd_bindings_macs, 1),
     "binding-file-match": (cmd_binding_file_match, 3),
     "rate-events": (cmd_rate_events, 2),
     "counter": (cmd_counter, 3),

@@ -260,11 +260,11 @@ daemon_stop() {
   fi
 }
 
-# tcpdump NS FILE: records DHCP and ICMP on eth0 of NS, each frame written at
+# tcpdump NS FILE: records DHCP, ICMP and ARP on eth0 of NS, each frame written at
 # once (without --immediate-mode frames wait up to a second in the kernel).
 capture() {
   ip netns exec "$1" tcpdump -n -U --immediate-mode -Z root -i eth0 -w "$work/$2" \
-    'udp port 67 or udp port 68 or icmp' \
+    'udp port 67 or udp port 68 or icmp or arp' \
     2>"$work/$2.log" &
   pids+=($!)
 }
@@ -391,6 +391,11 @@ bindings_match() {
   ctl_cmd bindings --json >"$work/bindings.json" || return 1
   "${tool[@]}" bindings-match "$work/bindings.json" "$work/server.leases" $vlan "$@"
 }
+bindings_without() {
+  ctl_cmd bindings --json >"$work/bindings.json" || return 1
+  "${tool[@]}" bindings-without "$work/bindings.json" "$1"
+}
+binding_file_without() { "${tool[@]}" binding-file-without "$work/data/dhcpSnoop.cfg" "$1"; }
 binding_file_match() {
   "${tool[@]}" binding-file-match "$work/data/dhcpSnoop.cfg" "$work/server.leases" $vlan "$@"
 }
@@ -438,11 +443,16 @@ step_option82() {
 }
 
 step_release() {
+  # udhcpc unicasts the RELEASE and drops its address at once: a RELEASE
+  # still waiting for the server's MAC would be discarded with the address.
+  in_ns "$ns_a" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
   kill -USR2 "$udhcpc_pid"
   check "client A's RELEASE reached the server (its lease is gone)" wait_for 10 no_lease_of "$mac_a" "$mac_a" "$work/server.leases"
   daemon_only "the RELEASE removes client A's binding" || return 0
-  check "client A's binding is gone, client B's stays" until_ok 5 bindings_match "$mac_b=1/0/4"
-  check "the binding file holds only client B" until_ok 5 binding_file_match "$mac_b=1/0/4"
+  check "client A's binding is gone" until_ok 5 bindings_without "$mac_a"
+  check "client B's binding stays, as the server's lease file has it" until_ok 5 bindings_match "$mac_b=1/0/4"
+  check "the binding file no longer holds client A" until_ok 5 binding_file_without "$mac_a"
+  check "the binding file holds client B" until_ok 5 binding_file_match "$mac_b=1/0/4"
 }
 
 ping_from() { in_ns "$1" ping -n -q -c "$2" -W 1 -i 0.3 "$ip_srv" >/dev/null; }

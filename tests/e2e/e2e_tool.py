@@ -328,6 +328,23 @@ def cmd_binding_file_match(args):
     return 0 if not problems else 1
 
 
+def cmd_bindings_without(args):
+    """bindings-without BINDINGS_JSON MAC: the daemon has no binding of MAC."""
+    macs = [str(b.get("mac")) for b in load_json(args[0]) if isinstance(b, dict)]
+    print("daemon bindings: %s" % (", ".join(macs) or "none"))
+    return 0 if args[1].lower() not in macs else 1
+
+
+def cmd_binding_file_without(args):
+    """binding-file-without FILE MAC: the binding file exists and has no line of MAC."""
+    entries = read_binding_file(args[0])
+    if entries is None:
+        print("no binding file %s" % args[0])
+        return 1
+    print("file: %s" % (", ".join(sorted(entries)) or "empty"))
+    return 0 if args[1].lower() not in entries else 1
+
+
 def cmd_rate_events(args):
     """rate-events EVENTS_JSON PORT: prints the number of DHCP rate-limit
     entries of the port (not the DECLINE limit's)."""
@@ -414,6 +431,8 @@ COMMANDS = {
     "pcap-count-echo": (cmd_count_echo, 2),
     "bindings-match": (cmd_bindings_match, 3),
     "binding-file-match": (cmd_binding_file_match, 3),
+    "bindings-without": (cmd_bindings_without, 2),
+    "binding-file-without": (cmd_binding_file_without, 2),
     "rate-events": (cmd_rate_events, 2),
     "counter": (cmd_counter, 3),
     "flood": (cmd_flood, 5),

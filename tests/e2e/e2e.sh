@@ -463,7 +463,7 @@ step_restart() {
   check "the binding file holds both bindings before the restart" until_ok 5 binding_file_match "$mac_a=1/0/3" "$mac_b=1/0/4"
   daemon_stop
   check "dhcpsnoopd exits 0 on SIGTERM" same "$daemon_status" 0
-  rm -f "$work/ctl.sock"
+  check "dhcpsnoopd removed its control socket" test ! -e "$work/ctl.sock"
   daemon_start
   check "the restarted daemon holds both bindings again" until_ok 5 bindings_match "$mac_a=1/0/3" "$mac_b=1/0/4"
   # ip_filter is on: the ping passes only with the reloaded source-guard entry.

@@ -5,7 +5,7 @@
 #   sudo bench/e2e/bench.sh [--daemon DHCPSNOOPD [--ctl DHCPSNOOPCTL]] [--bridge-only]
 #                           [--seconds N] [--clients N]
 #
-# Without --daemon it builds a Release dhcpsnoopd in build/release when the
+# Without --daemon it builds an optimised dhcpsnoopd in build/bench-live when the
 # source tree has one; without one (or with --bridge-only) it measures the
 # bridge alone. Namespaces: "sw" holds the switch side of four veth pairs
 # (ports 1/0/1..1/0/4, sw1..sw4), the server sits behind 1/0/1, perfdhcp
@@ -44,15 +44,15 @@ command -v perfdhcp >/dev/null || export PATH="$PATH:/usr/sbin"
 
 if [ $bridge_only -eq 0 ] && [ -z "$daemon" ] && [ -d "$top/tools/daemon" ]; then
   "$top/scripts/deps.sh" cmake ninja-build g++ libtomlplusplus-dev libcli11-dev libpcap-dev
-  echo "== configuring a Release build (build/release)"
+  echo "== configuring a Release build (build/bench-live)"
   # Optimised as the benchmarks of scripts/test.sh are.
-  cmake -G Ninja -S "$top" -B "$top/build/release" -DCMAKE_BUILD_TYPE=Release \
+  cmake -G Ninja -S "$top" -B "$top/build/bench-live" -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DDHCPSNOOP_TESTS=OFF >/dev/null
   # The daemon is a target only where the live platform builds.
-  if ninja -C "$top/build/release" -t targets all | grep -q '^dhcpsnoopd:'; then
+  if ninja -C "$top/build/bench-live" -t targets all | grep -q '^dhcpsnoopd:'; then
     echo "== building dhcpsnoopd and dhcpsnoopctl"
-    ninja -C "$top/build/release" -j 2 dhcpsnoopd dhcpsnoopctl >/dev/null
-    daemon="$(find "$top/build/release" -type f -name dhcpsnoopd -perm -u+x | head -n 1)"
+    ninja -C "$top/build/bench-live" -j 2 dhcpsnoopd dhcpsnoopctl >/dev/null
+    daemon="$(find "$top/build/bench-live" -type f -name dhcpsnoopd -perm -u+x | head -n 1)"
   fi
 fi
 if [ $bridge_only -eq 0 ] && [ -z "$daemon" ]; then

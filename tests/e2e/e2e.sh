@@ -258,6 +258,10 @@ daemon_stop() {
   else
     kill -KILL "$daemon_pid" 2>/dev/null; wait "$daemon_pid"; daemon_status="killed after 15 s"
   fi
+  # Reaped: its pid is no longer ours to signal.
+  local p kept=()
+  for p in "${pids[@]}"; do [ "$p" = "$daemon_pid" ] || kept+=("$p"); done
+  pids=("${kept[@]}")
 }
 
 # tcpdump NS FILE: records DHCP, ICMP and ARP on eth0 of NS, each frame written at
@@ -510,6 +514,7 @@ step_source_guard() {
   check "back on its leased address, client B pings the server again" ping_from "$ns_b" 3
 }
 
+no_sanitizer_report() { ! grep -E 'ERROR: (Address|Leak|Thread)Sanitizer|runtime error:' "$work/daemon.log"; }
 no_neigh() { ! ip -n "$1" neigh show "$2" dev eth0 | grep -q lladdr; }
 in_range() { [ "$1" -ge "$2" ] && [ "$1" -le "$3" ]; }
 
@@ -549,4 +554,10 @@ for s in "${run_steps[@]}"; do
   echo "-- step $s"
   "step_${s//-/_}"
 done
+if [ "$mode" = daemon ]; then
+  current_step=stop
+  daemon_stop
+  check "dhcpsnoopd exits 0 on SIGTERM at the end" same "$daemon_status" 0
+  check "the daemon wrote no sanitizer report" no_sanitizer_report
+fi
 finish

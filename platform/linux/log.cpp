@@ -1,5 +1,6 @@
 // The live platform's logging: the module's debug and error lines, the
 // system log, the process and module names.
+#include <pthread.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <mutex>
 
 #include "platform/linux/live_internal.h"
+#include "snooping/dhcpSnoopInternal.h"
 #include "tools/common/drop_reason.h"
 
 namespace {
@@ -45,6 +47,30 @@ const char* kLogLoadOk = "DHCP snooping: binding file loaded";
 const char* kLogLoadFail = "DHCP snooping: binding file could not be loaded";
 const char* kLogRateOverflow = "DHCP snooping: DHCP rate limit exceeded on port %s";
 const char* kLogDeclineOverflow = "DHCP snooping: DHCPDECLINE rate limit exceeded on port %s";
+
+// The process id, asked once: the module names it in every line.
+std::atomic<uint32_t> gPid{0};
+void forgetPid() { gPid.store(0, std::memory_order_relaxed); }
+const int gPidAtFork = pthread_atfork(nullptr, nullptr, forgetPid);
+
+// A debug line of the main task with the operator's debug off is kept only
+// for naming drops: one whose message cannot start as any rule's text does
+// not need formatting. Decided on the composed format: the message's
+// literal text up to its first conversion is how every output of it
+// starts. Anything but a debug line's composition is formatted.
+bool debugLineMayMatter(const char* format)
+{
+    static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
+    if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
+        return true;
+    const char* msg = format + sizeof kPrefix - 1;
+    size_t n = strcspn(msg, "%");
+    // The classifier drops line ends (the suffix's among them): a shorter
+    // start only keeps more lines.
+    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r'))
+        --n;
+    return dropreason::mayMatter(msg, n);
+}
 
 bool startsWith(const char* s, size_t n, const char* prefix)
 {
@@ -113,16 +139,25 @@ extern "C" {
 
 uint32_t debugFlagGet(uint32_t mid)
 {
-    // The module always writes its lines: the main task's name the drops;
-    // what reaches standard error is decided in debugPrintf.
+    // The main task always writes its lines: they name the drops; what
+    // reaches standard error is decided in debugPrintf. Other tasks' debug
+    // lines matter only with the operator's debug on; without it they
+    // answer 2, which the module takes as "error lines only" (debug lines
+    // need exactly 1), so their errors still reach standard error.
     (void)mid;
-    return 1;
+    if (tMainTask || gDebug.load(std::memory_order_relaxed))
+        return 1;
+    return 2;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
 {
     (void)mid;
     if (!format)
+        return 0;
+    // Not formatted when nothing would read it: 0 characters written.
+    if (strncmp(format, kErrorPrefix, sizeof kErrorPrefix - 1) != 0 &&
+        !gDebug.load(std::memory_order_relaxed) && (!tMainTask || !debugLineMayMatter(format)))
         return 0;
     char buf[kLineMax];
     va_list ap;
@@ -150,7 +185,16 @@ const char* midNameGet(uint32_t mid)
     return "DHCPSNOOP";
 }
 
-uint32_t pidGetCurrent(void) { return (uint32_t)getpid(); }
+uint32_t pidGetCurrent(void)
+{
+    (void)gPidAtFork;
+    uint32_t pid = gPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = (uint32_t)getpid();
+        gPid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 const char* pidNameGet(uint32_t pid)
 {

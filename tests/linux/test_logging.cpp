@@ -7,11 +7,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
 
 #include "live_fixture.h"
 #include "snooping/dhcpSnoopInternal.h"
+#include "tools/common/drop_reason.h"
 
 namespace {
 
@@ -70,13 +72,36 @@ protected:
     }
 };
 
-TEST_F(Logging, TheModuleAlwaysWritesItsLines)
+TEST_F(Logging, TheMainTaskAlwaysWritesItsLinesOtherTasksTheirErrors)
 {
-    EXPECT_EQ(debugFlagGet(MID_DHCP), 1u);
     live::setDebug(false);
+    live::logging::setMainTask(true);
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 1u);
+    live::logging::setMainTask(false);
+    // Debug lines need exactly 1; error lines anything but 0.
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 2u);
+    live::setDebug(true);
     EXPECT_EQ(debugFlagGet(MID_DHCP), 1u);
     EXPECT_STREQ(midNameGet(MID_DHCP), "DHCPSNOOP");
     EXPECT_STREQ(pidNameGet(pidGetCurrent()), "dhcpsnoopd");
+    EXPECT_EQ(pidGetCurrent(), (uint32_t)getpid());
+}
+
+TEST_F(Logging, OtherTasksKeepTheirErrorLinesWithDebugOff)
+{
+    std::string text;
+    {
+        StderrCapture cap;
+        live::setDebug(false);
+        std::thread other([] {
+            DHCP_SNOOP_DEBUG("other task quiet %d", 1);
+            DHCP_SNOOP_ERROR("other task loud %d", 2);
+        });
+        other.join();
+        text = cap.text();
+    }
+    EXPECT_EQ(text.find("other task quiet"), std::string::npos) << text;
+    EXPECT_NE(text.find("other task loud 2\n"), std::string::npos) << text;
 }
 
 TEST_F(Logging, ErrorLinesAlwaysReachStandardErrorDebugLinesOnlyWithDebugOn)
@@ -275,6 +300,149 @@ TEST_F(Drops, LinesBeforeTheMainTaskTookTheFrameDoNotCount)
     dhcpReleasePacketPool(m.packet.frame);
     EXPECT_EQ(counters("1/0/2").dropped.count("rate limit"), 0u);
     EXPECT_EQ(counters("1/0/2").dropped["dropped"], 1u);
+}
+
+}  // namespace
+
+namespace {
+
+// ---- lines left unformatted with debug off ------------------------------------
+
+class SkippedLines : public Drops {
+protected:
+    // The reason the live platform names for one frame after these debug
+    // lines (format, one text argument) of the main task, debug off.
+    std::string reasonOf(const std::vector<std::pair<std::string, std::string>>& lines)
+    {
+        live::setDebug(false);
+        DhcpSnoopPacket p = trapOne();
+        for (const auto& l : lines)
+            DHCP_SNOOP_DEBUG(l.first.c_str(), l.second.c_str());
+        auto before = counters("1/0/2").dropped;
+        dhcpReleasePacketPool(p.frame);
+        auto after = counters("1/0/2").dropped;
+        for (const auto& kv : after)
+            if (kv.second != before[kv.first])
+                return kv.first;
+        return "(not counted)";
+    }
+    // What the replay tool names for the same lines, every one formatted.
+    static std::string expected(const std::vector<std::pair<std::string, std::string>>& lines)
+    {
+        std::vector<std::string> msgs;
+        for (const auto& l : lines) {
+            char buf[1024];
+            snprintf(buf, sizeof buf, l.first.c_str(), l.second.c_str());
+            std::string m = buf;
+            while (!m.empty() && (m.back() == '\n' || m.back() == '\r'))
+                m.pop_back();
+            msgs.push_back(m);
+        }
+        return dropreason::dropReason(msgs);
+    }
+};
+
+std::string escapePercent(const std::string& s)
+{
+    std::string o;
+    for (char c : s) {
+        o += c;
+        if (c == '%')
+            o += '%';
+    }
+    return o;
+}
+
+TEST_F(SkippedLines, EveryRuleIsNamedWhereverItsTextIsCutByAConversion)
+{
+    auto texts = dropreason::ruleTexts();
+    ASSERT_GT(texts.size(), 10u);
+    for (const auto& t : texts) {
+        // The module error names a frame through an error line only.
+        if (t == "E - ")
+            continue;
+        std::string want = dropreason::dropReason({t});
+        ASSERT_NE(want, "dropped") << t;
+        for (size_t k = 0; k <= t.size(); ++k) {
+            std::string fmt = escapePercent(t.substr(0, k)) + "%s";
+            EXPECT_EQ(reasonOf({{"vid = %s", "10"}, {fmt, t.substr(k)}}), want) << fmt;
+            EXPECT_EQ(reasonOf({{fmt + "\r\n", t.substr(k)}}), want) << fmt;
+        }
+        // Whole, without a conversion (the argument is not used).
+        EXPECT_EQ(reasonOf({{escapePercent(t), ""}}), want) << t;
+        // Longer than the text before the conversion: a prefix rule's line.
+        std::vector<std::pair<std::string, std::string>> longer = {{escapePercent(t) + " 99 %s", "x"}};
+        EXPECT_EQ(reasonOf(longer), expected(longer)) << t;
+    }
+}
+
+TEST_F(SkippedLines, ADebugLineStartingAsAModuleErrorIsNamedSo)
+{
+    EXPECT_EQ(reasonOf({{"E - %s", "5 call x() failed."}}), "module error");
+    EXPECT_EQ(reasonOf({{"E%s", " - 5 call x() failed."}}), "module error");
+    EXPECT_EQ(reasonOf({{"%s", "E - 5 call x() failed."}}), "module error");
+}
+
+TEST_F(SkippedLines, RandomLinesNameWhatTheirFormattedTextsName)
+{
+    auto texts = dropreason::ruleTexts();
+    const std::vector<std::string> others = {"vid = ", "Drop DHCP ", "port: ", "mac check ",
+                                             "Forward ", "magic", "Oh no! ", "DHCP ack packet ",
+                                             "", "\r\n", "E", "E - "};
+    std::mt19937 rng(20261122u);
+    auto pick = [&rng](size_t n) { return (size_t)(rng() % n); };
+    for (int frame = 0; frame < 400; ++frame) {
+        std::vector<std::pair<std::string, std::string>> lines;
+        size_t count = 1 + pick(3);
+        for (size_t i = 0; i < count; ++i) {
+            // A piece of a rule text or another start, maybe cut short, a
+            // conversion, and an argument that may finish a rule text.
+            const std::string& a = pick(2) ? texts[pick(texts.size())] : others[pick(others.size())];
+            std::string lit = a.substr(0, pick(a.size() + 1));
+            if (pick(4) == 0)
+                lit = a + " " + std::to_string(pick(100));
+            const std::string& b = texts[pick(texts.size())];
+            std::string arg = pick(2) ? b.substr(std::min(lit.size(), b.size())) : b.substr(pick(b.size() + 1));
+            std::string tail = pick(3) == 0 ? "\r\n" : "";
+            std::string fmt = pick(4) == 0 ? escapePercent(lit) + tail : escapePercent(lit) + "%s" + tail;
+            lines.push_back({fmt, arg});
+        }
+        std::string want = expected(lines);
+        std::string got = reasonOf(lines);
+        ASSERT_EQ(got, want) << lines[0].first << " | " << lines[0].second;
+    }
+}
+
+TEST_F(SkippedLines, OnlyLinesThatCannotNameADropAreLeftUnformatted)
+{
+    live::setDebug(false);
+    DhcpSnoopPacket p = trapOne();
+    const char* fmtOther = DHCP_SNOOP_DEBUG_PREFIX " vid = %d" DHCP_SNOOP_DEBUG_SUFFIX;
+    const char* fmtRule = DHCP_SNOOP_DEBUG_PREFIX " Packet flow overflow" DHCP_SNOOP_DEBUG_SUFFIX;
+    const char* fmtConv = DHCP_SNOOP_DEBUG_PREFIX " %s" DHCP_SNOOP_DEBUG_SUFFIX;
+    EXPECT_EQ(debugPrintf(MID_DHCP, fmtOther, "p", "t", "m", "f", 1, 10), 0);
+    EXPECT_GT(debugPrintf(MID_DHCP, fmtRule, "p", "t", "m", "f", 1), 0);
+    EXPECT_GT(debugPrintf(MID_DHCP, fmtConv, "p", "t", "m", "f", 1, "x"), 0);
+    // Debug on: every line is written.
+    live::setDebug(true);
+    {
+        StderrCapture cap;
+        EXPECT_GT(debugPrintf(MID_DHCP, fmtOther, "p", "t", "m", "f", 1, 10), 0);
+        EXPECT_NE(cap.text().find("vid = 10"), std::string::npos);
+    }
+    live::setDebug(false);
+    dhcpReleasePacketPool(p.frame);
+    EXPECT_EQ(counters("1/0/2").dropped["rate limit"], 1u);
+}
+
+TEST(DropReasonStart, RelatedTextsEitherWayMatter)
+{
+    EXPECT_TRUE(dropreason::mayMatter("", 0));
+    EXPECT_TRUE(dropreason::mayMatter("Drop DHCP ", 10));
+    EXPECT_TRUE(dropreason::mayMatter("magicCookie: 99", 15));
+    EXPECT_TRUE(dropreason::mayMatter("E - 5", 5));
+    EXPECT_FALSE(dropreason::mayMatter("vid = ", 6));
+    EXPECT_FALSE(dropreason::mayMatter("Drop DHCP request", 17));
 }
 
 }  // namespace

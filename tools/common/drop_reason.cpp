@@ -45,6 +45,8 @@ const Rule kRules[] = {
     {"Forward packet to port failed.", false, "transmit failed"},
 };
 constexpr size_t kRuleCount = sizeof kRules / sizeof kRules[0];
+// A module error line (a failed call) names the drop when no rule does.
+const char kModuleErrorStart[] = "E - ";
 
 bool matches(const Rule& r, const char* line, size_t len)
 {
@@ -64,7 +66,8 @@ void Classifier::add(const char* line, size_t len)
             break;
         }
     }
-    if (len >= 4 && memcmp(line, "E - ", 4) == 0)
+    if (len >= sizeof kModuleErrorStart - 1 &&
+        memcmp(line, kModuleErrorStart, sizeof kModuleErrorStart - 1) == 0)
         moduleError_ = true;
 }
 
@@ -81,6 +84,31 @@ void Classifier::clear()
 {
     best_ = (size_t)-1;
     moduleError_ = false;
+}
+
+bool mayMatter(const char* start, size_t len)
+{
+    // A line matches only if it starts with its rule's text (exact rules:
+    // is it); a line that starts with start can do so only if one of the
+    // two texts starts with the other.
+    auto related = [start, len](const char* text) {
+        size_t n = strlen(text);
+        size_t m = n < len ? n : len;
+        return memcmp(start, text, m) == 0;
+    };
+    for (size_t i = 0; i < kRuleCount; ++i)
+        if (related(kRules[i].text))
+            return true;
+    return related(kModuleErrorStart);
+}
+
+std::vector<std::string> ruleTexts()
+{
+    std::vector<std::string> t;
+    for (size_t i = 0; i < kRuleCount; ++i)
+        t.push_back(kRules[i].text);
+    t.push_back(kModuleErrorStart);
+    return t;
 }
 
 std::string dropReason(const std::vector<std::string>& lines)

@@ -25,4 +25,10 @@ private:
 
 std::string dropReason(const std::vector<std::string>& lines);
 
+// False when no line that starts with these len bytes can name anything
+// (neither a rule nor a module error): such a line need not be formatted.
+bool mayMatter(const char* start, size_t len);
+// The texts mayMatter checks against: every rule's, then the module error's.
+std::vector<std::string> ruleTexts();
+
 }  // namespace dropreason

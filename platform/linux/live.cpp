@@ -128,7 +128,7 @@ bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control
 
 void receiveLoop(size_t port, std::string name)
 {
-    pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+    runtime::nameThread(name.substr(0, 15).c_str());
     Ports& p = ports();
     // Sized once for the largest frame: receiving never allocates.
     std::vector<uint8_t> buf(core::kMaxFrame);
@@ -196,7 +196,7 @@ bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control
 
 void agingLoop()
 {
-    pthread_setname_np(pthread_self(), "fdbAging");
+    runtime::nameThread("fdbAging");
     Ports& p = ports();
     while (!p.stopping.load()) {
         for (int i = 0; i < 10 && !p.stopping.load(); ++i)

@@ -61,6 +61,10 @@ size_t sourceGuardCount();
 
 namespace runtime {
 
+// Names the calling thread (15 characters kept). Threads of the platform
+// are named so: a thread renamed otherwise after its first line would still
+// be given its old name by prctl(PR_GET_NAME).
+void nameThread(const char* name);
 // Blocks of pal_alloc/pal_calloc not given back; blocks pal_free did not know.
 size_t outstandingAllocs();
 size_t badFrees();

@@ -2,13 +2,17 @@
 // timers and the module's file paths, on POSIX threads.
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -71,20 +75,18 @@ struct Queue {
 };
 
 // Handles are indexes + 1; queues are never deleted (the module has no call
-// for it), so a handle stays valid for the life of the process.
-std::mutex gQueuesLock;
-std::vector<Queue*>& queues()
-{
-    static std::vector<Queue*>* q = new std::vector<Queue*>;
-    return *q;
-}
+// for it), so a handle stays valid for the life of the process. Every send
+// and receive looks its queue up: a fixed table read without a lock.
+constexpr size_t kMaxQueues = 4096;
+std::mutex gQueuesLock;  // creation only
+std::atomic<Queue*> gQueueTable[kMaxQueues];
+std::atomic<size_t> gQueueCount{0};
 
 Queue* queueOf(PalMsgQ q)
 {
-    std::lock_guard<std::mutex> g(gQueuesLock);
-    if (q <= 0 || (size_t)q > queues().size())
+    if (q <= 0 || (size_t)q > kMaxQueues)
         return nullptr;
-    return queues()[(size_t)q - 1];
+    return gQueueTable[(size_t)q - 1].load(std::memory_order_acquire);
 }
 
 // Waits on cv until ready, by the queue's wait rule: 0 = not at all,
@@ -131,7 +133,7 @@ TimerService& timerService()
 
 void* timerThread(void*)
 {
-    pthread_setname_np(pthread_self(), "palTimer");
+    live::runtime::nameThread("palTimer");
     TimerService& ts = timerService();
     std::unique_lock<std::mutex> lk(ts.m);
     for (;;) {
@@ -195,12 +197,21 @@ void keep(void* p)
     records().push_back(p);
 }
 
+// ---- thread names ----
+// The module asks for its thread's name in every line it composes, dozens
+// of times a frame: the kernel's answer is kept per thread. Threads get
+// their names through live::runtime::nameThread, which forgets the kept one.
+
+constexpr size_t kThreadNameLen = 16;  // the kernel's, end included
+thread_local char tThreadName[kThreadNameLen];
+thread_local bool tThreadNameKept = false;
+
 void* threadMain(void* p)
 {
     PalThread* t = static_cast<PalThread*>(p);
     // The kernel keeps 15 characters of a thread's name.
     std::string name = t->name.substr(0, 15);
-    pthread_setname_np(pthread_self(), name.c_str());
+    live::runtime::nameThread(name.c_str());
     if (t->name == DHCP_SNOOP_TASK_NAME)
         live::logging::setMainTask(true);
     t->entry(t->arg);
@@ -212,6 +223,33 @@ void* threadMain(void* p)
 }  // namespace
 
 extern "C" {
+
+// ---- thread names ----
+
+int prctl(int option, ...) __THROW
+{
+    // As the C library's: every argument read as a long, the kernel uses
+    // what the option needs.
+    va_list ap;
+    va_start(ap, option);
+    unsigned long a2 = va_arg(ap, unsigned long);
+    unsigned long a3 = va_arg(ap, unsigned long);
+    unsigned long a4 = va_arg(ap, unsigned long);
+    unsigned long a5 = va_arg(ap, unsigned long);
+    va_end(ap);
+    if (option == PR_GET_NAME && tThreadNameKept && a2 != 0) {
+        memcpy(reinterpret_cast<char*>(a2), tThreadName, kThreadNameLen);
+        return 0;
+    }
+    long rc = syscall(SYS_prctl, option, a2, a3, a4, a5);
+    if (option == PR_GET_NAME && rc == 0) {
+        memcpy(tThreadName, reinterpret_cast<const char*>(a2), kThreadNameLen);
+        tThreadNameKept = true;
+    } else if (option == PR_SET_NAME) {
+        tThreadNameKept = false;
+    }
+    return (int)rc;
+}
 
 // ---- memory ----
 
@@ -324,8 +362,14 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
     q->recordSize = recordSize;
     q->ring.assign((size_t)depth * recordSize, 0);
     std::lock_guard<std::mutex> g(gQueuesLock);
-    queues().push_back(q);
-    return (PalMsgQ)queues().size();
+    size_t n = gQueueCount.load(std::memory_order_relaxed);
+    if (n >= kMaxQueues) {
+        delete q;
+        return 0;
+    }
+    gQueueTable[n].store(q, std::memory_order_release);
+    gQueueCount.store(n + 1, std::memory_order_release);
+    return (PalMsgQ)(n + 1);
 }
 
 int32_t pal_msgQ_send(PalMsgQ handle, const void* buffer, uint32_t size, int32_t wait, uint32_t option)
@@ -492,6 +536,14 @@ const char* pal_file_path(const char* path)
 
 namespace live {
 namespace runtime {
+
+void nameThread(const char* name)
+{
+    char cut[kThreadNameLen];
+    snprintf(cut, sizeof cut, "%s", name ? name : "");
+    pthread_setname_np(pthread_self(), cut);
+    tThreadNameKept = false;
+}
 
 size_t outstandingAllocs() { return gOutstanding.load(); }
 size_t badFrees() { return gBadFrees.load(); }

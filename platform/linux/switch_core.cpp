@@ -6,6 +6,7 @@
 // Everything is sized in setUp; frames never make anything grow.
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -121,6 +122,12 @@ struct Core {
     std::function<uint64_t()> clock;
 };
 
+// The unit and the number of ports and port channels, one word for the
+// port-handle calls: the module walks every port index for each frame, and
+// the core's lock is not needed for three bytes that change with the
+// configuration only. Unit in bits 16-23, ports 8-15, channels 0-7.
+std::atomic<uint32_t> gShape{(1u << 16) | (kDefaultPorts << 8) | kDefaultPortChannels};
+
 Core& core()
 {
     // Never destroyed: tasks still running at exit may call in.
@@ -129,6 +136,17 @@ Core& core()
 }
 
 using Guard = std::lock_guard<std::mutex>;
+
+// After every change of c.up, the unit or the port counts (under the lock).
+void publishShape(const Core& c)
+{
+    uint32_t unit = c.up ? c.cfg.unit : 1u;
+    gShape.store(((unit & 0xFFu) << 16) | ((c.physicalPorts & 0xFFu) << 8) | (c.portChannels & 0xFFu),
+                 std::memory_order_release);
+}
+uint32_t shapeUnit(uint32_t shape) { return (shape >> 16) & 0xFFu; }
+uint32_t shapePorts(uint32_t shape) { return (shape >> 8) & 0xFFu; }
+uint32_t shapeChannels(uint32_t shape) { return shape & 0xFFu; }
 
 uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
 
@@ -554,6 +572,7 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
     if (!c.clock)
         c.clock = steadyMs;
     c.up = true;
+    publishShape(c);
     return true;
 }
 
@@ -564,6 +583,7 @@ void tearDown()
     if (!c.up)
         return;
     c.up = false;
+    publishShape(c);
     if (c.pool) {
         LIVE_UNPOISON(c.pool, c.slots.size() * kPoolBufferSize);
         delete[] c.pool;
@@ -622,6 +642,7 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
         }
     }
     applyConfig(c, cfg);
+    publishShape(c);
     // VLAN membership may have changed: learned places are learned again.
     fdbFlush(c);
     return true;
@@ -792,8 +813,6 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     (void)line;
     if (!handle)
         return 1;
-    auto& c = core();
-    Guard g(c.lock);
     if (flag == 0) {
         if (index == 0) {
             *handle = UP_INVALID;
@@ -801,7 +820,7 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
         }
         index -= 1;
     }
-    uint32_t unit = c.up ? c.cfg.unit : 1;
+    uint32_t unit = live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire));
     uint32_t physical = unit * live::core::kPortsPerUnit;
     if (index < physical)
         *handle = UP_MAKE(UP_TYPE_PHYSICAL, index / live::core::kPortsPerUnit + 1, 0,
@@ -815,16 +834,14 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
 
 uint32_t inner_up_is_valid(up handle)
 {
-    auto& c = core();
-    Guard g(c.lock);
-    uint32_t unit = c.up ? c.cfg.unit : 1;
+    uint32_t shape = live::core::gShape.load(std::memory_order_acquire);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        return UP_UNIT(handle) == unit && UP_SLOT(handle) == 0 && UP_PORT(handle) >= 1 &&
-                       UP_PORT(handle) <= c.physicalPorts
+        return UP_UNIT(handle) == live::core::shapeUnit(shape) && UP_SLOT(handle) == 0 &&
+                       UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapePorts(shape)
                    ? 1
                    : 0;
     if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= c.portChannels ? 1 : 0;
+        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapeChannels(shape) ? 1 : 0;
     return 0;
 }
 
@@ -837,9 +854,7 @@ uint32_t inner_up_is_provision(up handle)
 
 uint32_t inner_up_unit_is_valid(uint32_t unit)
 {
-    auto& c = core();
-    Guard g(c.lock);
-    return unit == (c.up ? c.cfg.unit : 1u) ? 1 : 0;
+    return unit == live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire)) ? 1 : 0;
 }
 
 uint32_t inner_up_unitbase_get(uint32_t unit)
@@ -1202,9 +1217,7 @@ uint32_t getIncludeArpDefend(uint32_t* flag)
 
 uint32_t stkGetCurrentUnit(void)
 {
-    auto& c = core();
-    Guard g(c.lock);
-    return c.up ? c.cfg.unit : 1;
+    return live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire));
 }
 
 uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)

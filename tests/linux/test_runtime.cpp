@@ -1,9 +1,12 @@
 // The live runtime: queues, mutexes, timers, memory, tasks, file paths.
+#include <pthread.h>
 #include <sys/prctl.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "live_fixture.h"
@@ -231,6 +234,54 @@ TEST_F(Runtime, TaskRunsAtOnceUnderItsNameCutTo15Characters)
     EXPECT_STREQ(gTaskName, "aVeryLongTaskNa");
     pal_thread_destroy(t);
     EXPECT_EQ(pal_thread_create("noEntry", 0, 0, nullptr, nullptr), nullptr);
+}
+
+// The kernel's own view of a thread's name, past any kept answer.
+std::string kernelThreadName()
+{
+    char name[32];
+    memset(name, 0, sizeof name);
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
+std::string askedThreadName()
+{
+    char name[32];
+    memset(name, 0, sizeof name);
+    EXPECT_EQ(prctl(PR_GET_NAME, name), 0);
+    return name;
+}
+
+TEST_F(Runtime, ThreadNamesAskedAgainFollowEveryRename)
+{
+    std::string a, b, c, d, kernel, other;
+    std::thread t([&] {
+        live::runtime::nameThread("firstName");
+        a = askedThreadName();
+        b = askedThreadName();  // the kept answer
+        live::runtime::nameThread("aSecondNameTooLong");
+        c = askedThreadName();
+        kernel = kernelThreadName();
+        ASSERT_EQ(prctl(PR_SET_NAME, "third"), 0);
+        d = askedThreadName();
+        std::thread u([&] {
+            live::runtime::nameThread("otherThread");
+            other = askedThreadName();
+        });
+        u.join();
+    });
+    t.join();
+    EXPECT_EQ(a, "firstName");
+    EXPECT_EQ(b, "firstName");
+    EXPECT_EQ(c, "aSecondNameTooL");
+    EXPECT_EQ(kernel, "aSecondNameTooL");
+    EXPECT_EQ(d, "third");
+    EXPECT_EQ(other, "otherThread");
+    // Other options still reach the kernel.
+    EXPECT_GE(prctl(PR_GET_DUMPABLE, 0, 0, 0, 0), 0);
+    EXPECT_EQ(prctl(-12345, 0, 0, 0, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(Runtime, AllocationsAreCountedAndForeignFreesRecognised)

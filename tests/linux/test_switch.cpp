@@ -685,6 +685,43 @@ TEST_F(Switch, ReconfigureChangesSettingsInPlaceButNotThePorts)
     EXPECT_EQ(v, 1) << "a refused configuration changes nothing";
 }
 
+TEST_F(Switch, PortCallsFollowTheUnitAndThePortsOfTheConfiguration)
+{
+    bringUp(R"(
+[switch]
+unit = 2
+mac = "02:00:00:00:00:fe"
+snooping_vlans = [10]
+
+[[port]]
+name = "2/0/40"
+vlan = 10
+
+[[port]]
+name = "po12"
+vlan = 10
+)");
+    EXPECT_EQ(stkGetCurrentUnit(), 2u);
+    EXPECT_EQ(inner_up_unit_is_valid(2), 1u);
+    EXPECT_EQ(inner_up_unit_is_valid(1), 0u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 40)), 1u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 41)), 0u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 1, 0, 1)), 0u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 12)), 1u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 13)), 0u);
+    ::up h = 0;
+    ASSERT_EQ(inner_up_from_index(&h, 64, 1, __func__, __LINE__), 0u);
+    EXPECT_EQ(h, UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 1));
+    ASSERT_EQ(inner_up_from_index(&h, 128, 1, __func__, __LINE__), 0u);
+    EXPECT_EQ(h, UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 1));
+    // Torn down: unit 1 again.
+    live::core::tearDown();
+    EXPECT_EQ(stkGetCurrentUnit(), 1u);
+    EXPECT_EQ(inner_up_unit_is_valid(1), 1u);
+    ASSERT_EQ(inner_up_from_index(&h, 64, 1, __func__, __LINE__), 0u);
+    EXPECT_EQ(h, UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 1));
+}
+
 TEST_F(Switch, PortsNameTheSameIndexesAsTheSimulation)
 {
     bringUp(kConfig);

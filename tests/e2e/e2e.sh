@@ -21,7 +21,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# flood, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# flood control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -48,10 +48,10 @@ done
 if [ "$mode" = daemon ]; then
   [ -x "$daemon" ] && [ -x "$ctl" ] || { echo "e2e: $daemon or $ctl is not an executable" >&2; exit 1; }
 fi
-steps_all=(leases bindings binding-file option82 source-guard flood restart release)
+steps_all=(leases bindings binding-file option82 source-guard flood restart release control reload errors)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|release|restart|source-guard|flood) run_steps=("$step") ;;
+  leases|bindings|binding-file|option82|release|restart|source-guard|flood|control|reload|errors) run_steps=("$step") ;;
   *) usage ;;
 esac
 
@@ -544,6 +544,124 @@ step_flood() {
   # trap (pool or queue full) is counted under its own reason.
   check "port 1/0/3 counts the dropped DISCOVERs under \"rate limit\"" \
     at_least "$(counter 1/0/3 dropped "rate limit")" $(((sent - passed) * 3 / 4))
+}
+
+# ---- the daemon's control, reload and start-up errors -------------------------
+
+# fails_with CODE TEXT CMD...: CMD exits with CODE and its standard error
+# holds TEXT.
+fails_with() {
+  local code=$1 text=$2 err rc; shift 2
+  err=$("$@" 2>&1 >/dev/null); rc=$?
+  echo "exit $rc: $err"
+  [ "$rc" -eq "$code" ] && grep -qF -- "$text" <<<"$err"
+}
+daemon_log_has() { grep -qF -- "$1" "$work/daemon.log"; }
+daemon_log_count() { grep -cF -- "$1" "$work/daemon.log"; }
+# log_count_above TEXT N: the daemon's log holds TEXT more than N times.
+log_count_above() { [ "$(daemon_log_count "$1")" -gt "$2" ]; }
+
+step_control() {
+  daemon_only "dhcpsnoopctl delete, debug and debug-level" || return 0
+  check "client B is bound before the removal" until_ok 5 bindings_match "$mac_b=1/0/4"
+  local ip_b_bound
+  ip_b_bound=$(lease_ip "$mac_b")
+  check "dhcpsnoopctl delete of client B's binding succeeds" ctl_cmd delete "$ip_b_bound" $vlan "$mac_b"
+  check "the binding is gone from the daemon" until_ok 5 bindings_without "$mac_b"
+  check "and from the binding file" until_ok 5 binding_file_without "$mac_b"
+  # Its source-guard entry went with it: B keeps its address but may no
+  # longer use it.
+  in_ns "$ns_b" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
+  check "client B can no longer ping from its address" no_ping_from "$ns_b" 2
+  check "a second delete is refused (exit 1), nothing posted" \
+    fails_with 1 "dhcpsnoopctl:" ctl_cmd delete "$ip_b_bound" $vlan "$mac_b"
+  check "a bad VLAN is refused before the daemon is asked" fails_with 1 "dhcpsnoopctl:" ctl_cmd delete "$ip_b_bound" 4095 "$mac_b"
+  check "an unknown command is refused" fails_with 1 "dhcpsnoopctl:" ctl_cmd frobnicate
+  check "a daemon that cannot be reached is exit 2" \
+    fails_with 2 "dhcpsnoopctl:" "$ctl" --control "$work/no-such.sock" bindings
+
+  # The debug switch: the module's lines reach the daemon's standard error
+  # only while it is on.
+  check "debug on" ctl_cmd debug on
+  local before after
+  before=$(daemon_log_count "[<")
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 2 10 de60 >/dev/null
+  check "with debug on, frames write the module's debug lines" wait_for 5 log_count_above "[<" "$before"
+  check "debug off" ctl_cmd debug off
+  sleep 0.5
+  before=$(daemon_log_count "[<")
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 2 10 de61 >/dev/null
+  sleep 1
+  after=$(daemon_log_count "[<")
+  check "with debug off, they write none" same "$after" "$before"
+  check "debug-level 1 set" ctl_cmd debug-level 1 set
+  check "debug-level 0x1 clear" ctl_cmd debug-level 0x1 clear
+  check "debug-level 9 is refused" fails_with 1 "dhcpsnoopctl:" ctl_cmd debug-level 9 set
+}
+
+# bound_on MAC PORT: the daemon holds a binding of MAC on PORT.
+bound_on() {
+  ctl_cmd bindings --json | grep -o '{[^}]*}' | grep -F "\"mac\":\"$1\"" | grep -qF "\"port\":\"$2\""
+}
+
+step_reload() {
+  daemon_only "SIGHUP re-reads the configuration" || return 0
+  # A user-defined circuit ID for client A's port, given by SIGHUP; the
+  # requests A sends afterwards carry it. A capture of its own holds them.
+  awk '{print} /^interface = "sw3"$/ {print "circuit_id = \"e2e-reload\""}' "$work/switch.toml" >"$work/switch.new"
+  mv "$work/switch.new" "$work/switch.toml"
+  local reloaded
+  reloaded=$(daemon_log_count "configuration reloaded")
+  kill -HUP "$daemon_pid"
+  check "the daemon reports the reload" wait_for 5 log_count_above "configuration reloaded" "$reloaded"
+  capture "$ns_srv" reload.pcap
+  wait_for 10 grep -q 'listening on' "$work/reload.pcap.log" || fatal "tcpdump (reload) did not start"
+  # Renews a bound client, starts over after a RELEASE.
+  kill -USR1 "$udhcpc_pid"
+  local rid=${switch_mac//:/} cid
+  cid=$(printf 'e2e-reload' | od -An -tx1 | tr -d ' \n')
+  check "client A gets its lease again" wait_for 15 has_lease "$ns_a"
+  check "A's requests now reach the server with the circuit ID of the new configuration" \
+    until_ok 10 "${tool[@]}" pcap-opt82 "$work/reload.pcap" "$mac_a" "010a${cid}0206$rid"
+  check "client A is bound on 1/0/3" until_ok 5 bound_on "$mac_a" 1/0/3
+
+  # A configuration that does not parse is refused and the running one kept.
+  cp "$work/switch.toml" "$work/switch.good"
+  echo "this is not toml = = =" >>"$work/switch.toml"
+  local refused
+  refused=$(daemon_log_count "keeping the previous configuration")
+  kill -HUP "$daemon_pid"
+  check "a bad configuration is refused on SIGHUP" \
+    wait_for 5 log_count_above "keeping the previous configuration" "$refused"
+  check "and the daemon still answers" ctl_cmd bindings
+  mv "$work/switch.good" "$work/switch.toml"
+}
+
+step_errors() {
+  daemon_only "start-up errors of dhcpsnoopd" || return 0
+  local d=$work/errors
+  mkdir -p "$d" && chmod 777 "$d"
+  sed 's/^interface = "sw4"$/interface = "nosuch4"/' "$work/switch.toml" >"$d/missing.toml"
+  check "a missing interface: exit 2, named" \
+    fails_with 2 'interface nosuch4 of port 1/0/4' in_ns "$ns_sw" "$daemon" --config "$d/missing.toml" \
+    --data-dir "$d/data" --control "$d/missing.sock"
+  printf '[switch]\nunit = 1\n[[port]]\nname = "1/0/99"\n' >"$d/bad.toml"
+  check "a bad configuration: exit 1, file and line named" \
+    fails_with 1 "$d/bad.toml:" "$daemon" --config "$d/bad.toml" --data-dir "$d/data" --control "$d/bad.sock"
+  check "a missing configuration file: exit 1" \
+    fails_with 1 "dhcpsnoopd:" "$daemon" --config "$d/none.toml" --data-dir "$d/data" --control "$d/none.sock"
+  check "a second daemon on the same control socket: exit 2" \
+    fails_with 2 "another daemon is listening on" in_ns "$ns_sw" "$daemon" --config "$work/switch.toml" \
+    --data-dir "$d/data" --control "$work/ctl.sock"
+  local nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all)
+  if ! "${nobody[@]}" test -x "$daemon"; then
+    echo "  skip  without CAP_NET_RAW (an unprivileged user cannot reach $daemon)"
+  else
+  check "without CAP_NET_RAW: exit 2, said so" \
+    fails_with 2 "needs CAP_NET_RAW" in_ns "$ns_sw" "${nobody[@]}" "$daemon" --config "$work/switch.toml" --data-dir "$d/data" \
+    --control "$d/nobody.sock"
+  fi
+  check "the running daemon is untouched" ctl_cmd bindings
 }
 
 echo "== e2e ($mode): ${run_steps[*]}"

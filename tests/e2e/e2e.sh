@@ -12,6 +12,8 @@
 #   1/0/2  a rogue dnsmasq (untrusted)              198.18.1.1, pool 198.18.1.x
 #   1/0/3  client A, busybox udhcpc (untrusted, option 82, rate 20/s)
 #   1/0/4  client B, ISC dhclient   (untrusted, option 82, rate 20/s)
+#   1/0/5  a trunk: VLAN 10 tagged, access VLAN 99 (unsnooped); raw frames
+#          only, to prove tagging on real interfaces
 # tcpdump records the server's and each client's side.
 #
 # --bridge puts a Linux bridge where the daemon goes. It proves the topology,
@@ -21,7 +23,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# flood control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -48,10 +50,11 @@ done
 if [ "$mode" = daemon ]; then
   [ -x "$daemon" ] && [ -x "$ctl" ] || { echo "e2e: $daemon or $ctl is not an executable" >&2; exit 1; }
 fi
-steps_all=(leases bindings binding-file option82 source-guard flood restart release control reload errors)
+steps_all=(leases bindings binding-file option82 tagged source-guard flood restart release control reload errors)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|release|restart|source-guard|flood|control|reload|errors) run_steps=("$step") ;;
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|flood|control|reload|errors)
+    run_steps=("$step") ;;
   *) usage ;;
 esac
 
@@ -69,9 +72,10 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 tag="dse$$"
-ns_sw="$tag-sw" ns_srv="$tag-srv" ns_rogue="$tag-rogue" ns_a="$tag-a" ns_b="$tag-b"
-all_ns=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_sw")
+ns_sw="$tag-sw" ns_srv="$tag-srv" ns_rogue="$tag-rogue" ns_a="$tag-a" ns_b="$tag-b" ns_trunk="$tag-trunk"
+all_ns=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_trunk" "$ns_sw")
 mac_srv=02:00:c6:12:00:01 mac_rogue=02:00:c6:12:00:02 mac_a=02:00:c6:12:00:03 mac_b=02:00:c6:12:00:04
+mac_trunk=02:00:c6:12:00:05
 switch_mac=02:00:c6:12:ff:01
 ip_srv=198.18.0.1 ip_rogue=198.18.1.1 ip_unleased=198.18.0.200
 vlan=10
@@ -230,6 +234,13 @@ vlan = $vlan
 option82 = true
 rate = 20
 interface = "sw4"
+
+[[port]]
+name = "1/0/5"
+vlan = 99
+tagged = [$vlan]
+option82 = true
+interface = "sw5"
 EOF
 }
 
@@ -278,9 +289,10 @@ rogue_offered() { grep -q "DHCPOFFER(eth0) .* $1" "$work/rogue.log"; }
 topology_up() {
   mkdir -p "$work/data"
   ip netns add "$ns_sw" 2>"$work/netns.err" || skip "cannot make network namespaces: $(cat "$work/netns.err")"
-  local n i ns macs=("$mac_srv" "$mac_rogue" "$mac_a" "$mac_b") nss=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b")
+  local n i ns macs=("$mac_srv" "$mac_rogue" "$mac_a" "$mac_b" "$mac_trunk")
+  local nss=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_trunk")
   in_ns "$ns_sw" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
-  for i in 0 1 2 3; do
+  for i in 0 1 2 3 4; do
     n=$((i + 1)); ns=${nss[$i]}
     ip netns add "$ns" || fatal "ip netns add $ns"
     in_ns "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
@@ -299,7 +311,7 @@ topology_up() {
 
   if [ "$mode" = bridge ]; then
     ip -n "$ns_sw" link add br0 type bridge stp_state 0
-    for n in 1 2 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
+    for n in 1 2 3 4 5; do ip -n "$ns_sw" link set "sw$n" master br0; done
     ip -n "$ns_sw" link set br0 up
   else
     write_config
@@ -309,7 +321,11 @@ topology_up() {
   capture "$ns_srv" server.pcap
   capture "$ns_a" a.pcap
   capture "$ns_b" b.pcap
-  for f in server a b; do
+  # Everything the trunk sees, tagged or not.
+  ip netns exec "$ns_trunk" tcpdump -n -U --immediate-mode -Z root -i eth0 -w "$work/trunk.pcap" \
+    2>"$work/trunk.pcap.log" &
+  pids+=($!)
+  for f in server a b trunk; do
     wait_for 10 grep -q 'listening on' "$work/$f.pcap.log" || fatal "tcpdump ($f) did not start"
   done
 
@@ -444,6 +460,35 @@ step_option82() {
   # A client's broadcast request is flooded to the VLAN's other ports, the
   # other client's included, with the option 82 the switch inserted.
   echo "  info  requests of the other client with option 82 seen by A: $("${tool[@]}" pcap-requests-opt82 "$work/a.pcap"), by B: $("${tool[@]}" pcap-requests-opt82 "$work/b.pcap")"
+}
+
+# dhcp_vlan PCAP OP MAC XID_PREFIX VLAN|untagged
+dhcp_vlan() { "${tool[@]}" pcap-dhcp-vlan "$work/$1" "${@:2}"; }
+xid_count() { "${tool[@]}" pcap-count-xid "$work/$1" "$2"; }
+
+step_tagged() {
+  local rid=${switch_mac//:/}
+  # A DISCOVER tagged with VLAN 10 on the trunk: snooped in VLAN 10, it
+  # reaches the server untagged with the trunk's circuit ID, and the OFFER
+  # goes back to the trunk tagged.
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a61 $vlan >/dev/null
+  snoop_check "the trunk's tagged DISCOVER reaches the server untagged" \
+    until_ok 5 dhcp_vlan server.pcap 1 "$mac_trunk" 7a61 untagged
+  snoop_check "with option 82 of VLAN 10 and port 1/0/5" \
+    "${tool[@]}" pcap-opt82 "$work/server.pcap" "$mac_trunk" "0104000a01050206$rid"
+  snoop_check "the server's OFFER reaches the trunk tagged with VLAN 10" \
+    until_ok 5 dhcp_vlan trunk.pcap 2 "$mac_trunk" 7a61 $vlan
+  # A client's broadcast on an access port of VLAN 10 leaves the trunk tagged.
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 1 10 7a62 >/dev/null
+  snoop_check "client A's DISCOVER reaches the trunk tagged with VLAN 10" \
+    until_ok 5 dhcp_vlan trunk.pcap 1 "$mac_a" 7a62 $vlan
+  # Tagged with a VLAN the trunk does not carry, or untagged (access VLAN 99):
+  # nothing reaches the server of VLAN 10.
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a63 20 >/dev/null
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a64 >/dev/null
+  sleep 1
+  snoop_check "a frame tagged with a VLAN the trunk does not carry is dropped" same "$(xid_count server.pcap 7a63)" 0
+  snoop_check "an untagged frame of the trunk stays in its access VLAN" same "$(xid_count server.pcap 7a64)" 0
 }
 
 step_release() {

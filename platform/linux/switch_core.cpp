@@ -16,7 +16,7 @@
 
 #include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
-#include "snooping/dhcpSnoopInternal.h"
+#include "snooping/dhcpSnoop.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)

@@ -70,15 +70,23 @@ mips_interop="qemu-mips build/mips/tests/stack_interop"
 interop "native produce -> mips apply" "$native_interop" "$mips_interop"
 interop "mips produce -> native apply" "$mips_interop" "$native_interop"
 
-# The stack callbacks against the main task under ThreadSanitizer; any
-# report fails the stage.
+# Under ThreadSanitizer: the stack callbacks against the main task, the
+# daemon's control socket, and the live platform's tests (its tasks, queues,
+# timers and switch core against the module). Any report fails the stage.
 echo "== [tsan] configure and build"
 cmake -G Ninja -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DDHCPSNOOP_TSAN=ON >/dev/null
-ninja -C build/tsan -j "$jobs" test_stack_stress
-echo "== [tsan] test"
-if ! TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1" build/tsan/tests/test_stack_stress; then
-  status=1
-fi
+tsan_tests=(tests/test_stack_stress tests/test_control)
+for src in tests/linux/test_*.cpp; do
+  tsan_tests+=("tests/linux/live_$(basename "$src" .cpp)")
+done
+ninja -C build/tsan -j "$jobs" "${tsan_tests[@]##*/}"
+for t in "${tsan_tests[@]}"; do
+  echo "== [tsan] $(basename "$t")"
+  if ! TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1" "build/tsan/$t" >"build/tsan/$(basename "$t").log" 2>&1; then
+    tail -n 80 "build/tsan/$(basename "$t").log"
+    status=1
+  fi
+done
 
 # The benchmarks are built (optimised, no sanitizers), not run: run
 # build/bench/bench/bench_main_path by hand for the figures.

@@ -15,8 +15,9 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
-#include "snooping/dhcpSnoopInternal.h"
+#include "snooping/dhcpSnoop.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -879,23 +880,6 @@ uint32_t usUp2Str(up handle, char* text, uint32_t flag)
     return 0;
 }
 
-static bool parseByte(const char** p, uint32_t* value)
-{
-    const char* q = *p;
-    uint32_t v = 0;
-    int digits = 0;
-    while (*q >= '0' && *q <= '9') {
-        v = v * 10 + (uint32_t)(*q - '0');
-        if (++digits > 3 || v > 255)
-            return false;
-        ++q;
-    }
-    if (digits == 0)
-        return false;
-    *p = q;
-    *value = v;
-    return true;
-}
 
 uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 {
@@ -904,27 +888,7 @@ uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
     if (!handle)
         return 1;
     *handle = UP_INVALID;
-    if (!text)
-        return 1;
-    const char* p = text;
-    while (*p == ' ' || *p == '\t')
-        ++p;
-    uint32_t a, b, d;
-    if (p[0] == 'p' && p[1] == 'o') {
-        const char* q = p + 2;
-        if (parseByte(&q, &a) && *q == '\0') {
-            *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, a);
-            return 0;
-        }
-        return 1;
-    }
-    const char* q = p;
-    if (parseByte(&q, &a) && *q++ == '/' && parseByte(&q, &b) && *q++ == '/' && parseByte(&q, &d) &&
-        *q == '\0') {
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, a, b, d);
-        return 0;
-    }
-    return 1;
+    return porttext::parse(text, handle) ? 0 : 1;
 }
 
 // ---- snooping configuration ----------------------------------------------------

@@ -7,6 +7,8 @@
 // the platform freely.
 #include "platform/sim/sim.h"
 
+#include "platform/common/port_text.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -269,25 +271,6 @@ std::string nameOf(const State& s, up h)
     else
         snprintf(buf, sizeof buf, "unknown");
     return buf;
-}
-
-// Parses a decimal number of 1 to 3 digits up to 255 at *p; advances *p.
-bool parseByte(const char** p, uint32_t* value)
-{
-    const char* q = *p;
-    uint32_t v = 0;
-    int digits = 0;
-    while (*q >= '0' && *q <= '9') {
-        v = v * 10 + (uint32_t)(*q - '0');
-        if (++digits > 3 || v > 255)
-            return false;
-        ++q;
-    }
-    if (digits == 0)
-        return false;
-    *p = q;
-    *value = v;
-    return true;
 }
 
 uint64_t periodMs(PalTimeSpec p)
@@ -832,22 +815,7 @@ uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
             }
         }
     }
-    uint32_t a, b, c;
-    if (p[0] == 'p' && p[1] == 'o') {
-        const char* q = p + 2;
-        if (parseByte(&q, &a) && *q == '\0') {
-            *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, a);
-            return 0;
-        }
-        return 1;
-    }
-    const char* q = p;
-    if (parseByte(&q, &a) && *q++ == '/' && parseByte(&q, &b) && *q++ == '/' &&
-        parseByte(&q, &c) && *q == '\0') {
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, a, b, c);
-        return 0;
-    }
-    return 1;
+    return porttext::parse(p, handle) ? 0 : 1;
 }
 
 // ---- snooping configuration ---------------------------------------------------

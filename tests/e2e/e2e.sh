@@ -12,6 +12,8 @@
 #   1/0/2  a rogue dnsmasq (untrusted)              198.18.1.1, pool 198.18.1.x
 #   1/0/3  client A, busybox udhcpc (untrusted, option 82, rate 20/s)
 #   1/0/4  client B, ISC dhclient   (untrusted, option 82, rate 20/s)
+#   1/0/5  a trunk: VLAN 10 tagged, access VLAN 99 (unsnooped); raw frames
+#          only, to prove tagging on real interfaces
 # tcpdump records the server's and each client's side.
 #
 # --bridge puts a Linux bridge where the daemon goes. It proves the topology,
@@ -21,7 +23,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# flood, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -48,10 +50,11 @@ done
 if [ "$mode" = daemon ]; then
   [ -x "$daemon" ] && [ -x "$ctl" ] || { echo "e2e: $daemon or $ctl is not an executable" >&2; exit 1; }
 fi
-steps_all=(leases bindings binding-file option82 source-guard flood restart release)
+steps_all=(leases bindings binding-file option82 tagged source-guard flood restart release control reload errors)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|release|restart|source-guard|flood) run_steps=("$step") ;;
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|flood|control|reload|errors)
+    run_steps=("$step") ;;
   *) usage ;;
 esac
 
@@ -69,9 +72,10 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 tag="dse$$"
-ns_sw="$tag-sw" ns_srv="$tag-srv" ns_rogue="$tag-rogue" ns_a="$tag-a" ns_b="$tag-b"
-all_ns=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_sw")
+ns_sw="$tag-sw" ns_srv="$tag-srv" ns_rogue="$tag-rogue" ns_a="$tag-a" ns_b="$tag-b" ns_trunk="$tag-trunk"
+all_ns=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_trunk" "$ns_sw")
 mac_srv=02:00:c6:12:00:01 mac_rogue=02:00:c6:12:00:02 mac_a=02:00:c6:12:00:03 mac_b=02:00:c6:12:00:04
+mac_trunk=02:00:c6:12:00:05
 switch_mac=02:00:c6:12:ff:01
 ip_srv=198.18.0.1 ip_rogue=198.18.1.1 ip_unleased=198.18.0.200
 vlan=10
@@ -230,6 +234,13 @@ vlan = $vlan
 option82 = true
 rate = 20
 interface = "sw4"
+
+[[port]]
+name = "1/0/5"
+vlan = 99
+tagged = [$vlan]
+option82 = true
+interface = "sw5"
 EOF
 }
 
@@ -278,9 +289,10 @@ rogue_offered() { grep -q "DHCPOFFER(eth0) .* $1" "$work/rogue.log"; }
 topology_up() {
   mkdir -p "$work/data"
   ip netns add "$ns_sw" 2>"$work/netns.err" || skip "cannot make network namespaces: $(cat "$work/netns.err")"
-  local n i ns macs=("$mac_srv" "$mac_rogue" "$mac_a" "$mac_b") nss=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b")
+  local n i ns macs=("$mac_srv" "$mac_rogue" "$mac_a" "$mac_b" "$mac_trunk")
+  local nss=("$ns_srv" "$ns_rogue" "$ns_a" "$ns_b" "$ns_trunk")
   in_ns "$ns_sw" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
-  for i in 0 1 2 3; do
+  for i in 0 1 2 3 4; do
     n=$((i + 1)); ns=${nss[$i]}
     ip netns add "$ns" || fatal "ip netns add $ns"
     in_ns "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
@@ -299,7 +311,7 @@ topology_up() {
 
   if [ "$mode" = bridge ]; then
     ip -n "$ns_sw" link add br0 type bridge stp_state 0
-    for n in 1 2 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
+    for n in 1 2 3 4 5; do ip -n "$ns_sw" link set "sw$n" master br0; done
     ip -n "$ns_sw" link set br0 up
   else
     write_config
@@ -309,7 +321,11 @@ topology_up() {
   capture "$ns_srv" server.pcap
   capture "$ns_a" a.pcap
   capture "$ns_b" b.pcap
-  for f in server a b; do
+  # Everything the trunk sees, tagged or not.
+  ip netns exec "$ns_trunk" tcpdump -n -U --immediate-mode -Z root -i eth0 -w "$work/trunk.pcap" \
+    2>"$work/trunk.pcap.log" &
+  pids+=($!)
+  for f in server a b trunk; do
     wait_for 10 grep -q 'listening on' "$work/$f.pcap.log" || fatal "tcpdump ($f) did not start"
   done
 
@@ -446,6 +462,35 @@ step_option82() {
   echo "  info  requests of the other client with option 82 seen by A: $("${tool[@]}" pcap-requests-opt82 "$work/a.pcap"), by B: $("${tool[@]}" pcap-requests-opt82 "$work/b.pcap")"
 }
 
+# dhcp_vlan PCAP OP MAC XID_PREFIX VLAN|untagged
+dhcp_vlan() { "${tool[@]}" pcap-dhcp-vlan "$work/$1" "${@:2}"; }
+xid_count() { "${tool[@]}" pcap-count-xid "$work/$1" "$2"; }
+
+step_tagged() {
+  local rid=${switch_mac//:/}
+  # A DISCOVER tagged with VLAN 10 on the trunk: snooped in VLAN 10, it
+  # reaches the server untagged with the trunk's circuit ID, and the OFFER
+  # goes back to the trunk tagged.
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a61 $vlan >/dev/null
+  snoop_check "the trunk's tagged DISCOVER reaches the server untagged" \
+    until_ok 5 dhcp_vlan server.pcap 1 "$mac_trunk" 7a61 untagged
+  snoop_check "with option 82 of VLAN 10 and port 1/0/5" \
+    "${tool[@]}" pcap-opt82 "$work/server.pcap" "$mac_trunk" "0104000a01050206$rid"
+  snoop_check "the server's OFFER reaches the trunk tagged with VLAN 10" \
+    until_ok 5 dhcp_vlan trunk.pcap 2 "$mac_trunk" 7a61 $vlan
+  # A client's broadcast on an access port of VLAN 10 leaves the trunk tagged.
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 1 10 7a62 >/dev/null
+  snoop_check "client A's DISCOVER reaches the trunk tagged with VLAN 10" \
+    until_ok 5 dhcp_vlan trunk.pcap 1 "$mac_a" 7a62 $vlan
+  # Tagged with a VLAN the trunk does not carry, or untagged (access VLAN 99):
+  # nothing reaches the server of VLAN 10.
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a63 20 >/dev/null
+  in_ns "$ns_trunk" "${tool[@]}" flood eth0 "$mac_trunk" 1 10 7a64 >/dev/null
+  sleep 1
+  snoop_check "a frame tagged with a VLAN the trunk does not carry is dropped" same "$(xid_count server.pcap 7a63)" 0
+  snoop_check "an untagged frame of the trunk stays in its access VLAN" same "$(xid_count server.pcap 7a64)" 0
+}
+
 step_release() {
   # udhcpc unicasts the RELEASE and drops its address at once: a RELEASE
   # still waiting for the server's MAC would be discarded with the address.
@@ -544,6 +589,124 @@ step_flood() {
   # trap (pool or queue full) is counted under its own reason.
   check "port 1/0/3 counts the dropped DISCOVERs under \"rate limit\"" \
     at_least "$(counter 1/0/3 dropped "rate limit")" $(((sent - passed) * 3 / 4))
+}
+
+# ---- the daemon's control, reload and start-up errors -------------------------
+
+# fails_with CODE TEXT CMD...: CMD exits with CODE and its standard error
+# holds TEXT.
+fails_with() {
+  local code=$1 text=$2 err rc; shift 2
+  err=$("$@" 2>&1 >/dev/null); rc=$?
+  echo "exit $rc: $err"
+  [ "$rc" -eq "$code" ] && grep -qF -- "$text" <<<"$err"
+}
+daemon_log_has() { grep -qF -- "$1" "$work/daemon.log"; }
+daemon_log_count() { grep -cF -- "$1" "$work/daemon.log"; }
+# log_count_above TEXT N: the daemon's log holds TEXT more than N times.
+log_count_above() { [ "$(daemon_log_count "$1")" -gt "$2" ]; }
+
+step_control() {
+  daemon_only "dhcpsnoopctl delete, debug and debug-level" || return 0
+  check "client B is bound before the removal" until_ok 5 bindings_match "$mac_b=1/0/4"
+  local ip_b_bound
+  ip_b_bound=$(lease_ip "$mac_b")
+  check "dhcpsnoopctl delete of client B's binding succeeds" ctl_cmd delete "$ip_b_bound" $vlan "$mac_b"
+  check "the binding is gone from the daemon" until_ok 5 bindings_without "$mac_b"
+  check "and from the binding file" until_ok 5 binding_file_without "$mac_b"
+  # Its source-guard entry went with it: B keeps its address but may no
+  # longer use it.
+  in_ns "$ns_b" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
+  check "client B can no longer ping from its address" no_ping_from "$ns_b" 2
+  check "a second delete is refused (exit 1), nothing posted" \
+    fails_with 1 "dhcpsnoopctl:" ctl_cmd delete "$ip_b_bound" $vlan "$mac_b"
+  check "a bad VLAN is refused before the daemon is asked" fails_with 1 "dhcpsnoopctl:" ctl_cmd delete "$ip_b_bound" 4095 "$mac_b"
+  check "an unknown command is refused" fails_with 1 "dhcpsnoopctl:" ctl_cmd frobnicate
+  check "a daemon that cannot be reached is exit 2" \
+    fails_with 2 "dhcpsnoopctl:" "$ctl" --control "$work/no-such.sock" bindings
+
+  # The debug switch: the module's lines reach the daemon's standard error
+  # only while it is on.
+  check "debug on" ctl_cmd debug on
+  local before after
+  before=$(daemon_log_count "[<")
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 2 10 de60 >/dev/null
+  check "with debug on, frames write the module's debug lines" wait_for 5 log_count_above "[<" "$before"
+  check "debug off" ctl_cmd debug off
+  sleep 0.5
+  before=$(daemon_log_count "[<")
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 2 10 de61 >/dev/null
+  sleep 1
+  after=$(daemon_log_count "[<")
+  check "with debug off, they write none" same "$after" "$before"
+  check "debug-level 1 set" ctl_cmd debug-level 1 set
+  check "debug-level 0x1 clear" ctl_cmd debug-level 0x1 clear
+  check "debug-level 9 is refused" fails_with 1 "dhcpsnoopctl:" ctl_cmd debug-level 9 set
+}
+
+# bound_on MAC PORT: the daemon holds a binding of MAC on PORT.
+bound_on() {
+  ctl_cmd bindings --json | grep -o '{[^}]*}' | grep -F "\"mac\":\"$1\"" | grep -qF "\"port\":\"$2\""
+}
+
+step_reload() {
+  daemon_only "SIGHUP re-reads the configuration" || return 0
+  # A user-defined circuit ID for client A's port, given by SIGHUP; the
+  # requests A sends afterwards carry it. A capture of its own holds them.
+  awk '{print} /^interface = "sw3"$/ {print "circuit_id = \"e2e-reload\""}' "$work/switch.toml" >"$work/switch.new"
+  mv "$work/switch.new" "$work/switch.toml"
+  local reloaded
+  reloaded=$(daemon_log_count "configuration reloaded")
+  kill -HUP "$daemon_pid"
+  check "the daemon reports the reload" wait_for 5 log_count_above "configuration reloaded" "$reloaded"
+  capture "$ns_srv" reload.pcap
+  wait_for 10 grep -q 'listening on' "$work/reload.pcap.log" || fatal "tcpdump (reload) did not start"
+  # Renews a bound client, starts over after a RELEASE.
+  kill -USR1 "$udhcpc_pid"
+  local rid=${switch_mac//:/} cid
+  cid=$(printf 'e2e-reload' | od -An -tx1 | tr -d ' \n')
+  check "client A gets its lease again" wait_for 15 has_lease "$ns_a"
+  check "A's requests now reach the server with the circuit ID of the new configuration" \
+    until_ok 10 "${tool[@]}" pcap-opt82 "$work/reload.pcap" "$mac_a" "010a${cid}0206$rid"
+  check "client A is bound on 1/0/3" until_ok 5 bound_on "$mac_a" 1/0/3
+
+  # A configuration that does not parse is refused and the running one kept.
+  cp "$work/switch.toml" "$work/switch.good"
+  echo "this is not toml = = =" >>"$work/switch.toml"
+  local refused
+  refused=$(daemon_log_count "keeping the previous configuration")
+  kill -HUP "$daemon_pid"
+  check "a bad configuration is refused on SIGHUP" \
+    wait_for 5 log_count_above "keeping the previous configuration" "$refused"
+  check "and the daemon still answers" ctl_cmd bindings
+  mv "$work/switch.good" "$work/switch.toml"
+}
+
+step_errors() {
+  daemon_only "start-up errors of dhcpsnoopd" || return 0
+  local d=$work/errors
+  mkdir -p "$d" && chmod 777 "$d"
+  sed 's/^interface = "sw4"$/interface = "nosuch4"/' "$work/switch.toml" >"$d/missing.toml"
+  check "a missing interface: exit 2, named" \
+    fails_with 2 'interface nosuch4 of port 1/0/4' in_ns "$ns_sw" "$daemon" --config "$d/missing.toml" \
+    --data-dir "$d/data" --control "$d/missing.sock"
+  printf '[switch]\nunit = 1\n[[port]]\nname = "1/0/99"\n' >"$d/bad.toml"
+  check "a bad configuration: exit 1, file and line named" \
+    fails_with 1 "$d/bad.toml:" "$daemon" --config "$d/bad.toml" --data-dir "$d/data" --control "$d/bad.sock"
+  check "a missing configuration file: exit 1" \
+    fails_with 1 "dhcpsnoopd:" "$daemon" --config "$d/none.toml" --data-dir "$d/data" --control "$d/none.sock"
+  check "a second daemon on the same control socket: exit 2" \
+    fails_with 2 "another daemon is listening on" in_ns "$ns_sw" "$daemon" --config "$work/switch.toml" \
+    --data-dir "$d/data" --control "$work/ctl.sock"
+  local nobody=(setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --bounding-set=-all)
+  if ! "${nobody[@]}" test -x "$daemon"; then
+    echo "  skip  without CAP_NET_RAW (an unprivileged user cannot reach $daemon)"
+  else
+  check "without CAP_NET_RAW: exit 2, said so" \
+    fails_with 2 "needs CAP_NET_RAW" in_ns "$ns_sw" "${nobody[@]}" "$daemon" --config "$work/switch.toml" --data-dir "$d/data" \
+    --control "$d/nobody.sock"
+  fi
+  check "the running daemon is untouched" ctl_cmd bindings
 }
 
 echo "== e2e ($mode): ${run_steps[*]}"

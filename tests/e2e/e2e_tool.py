@@ -54,7 +54,9 @@ def parse_frame(frame):
         return None
     etype = (frame[12] << 8) | frame[13]
     off = 14
+    vid = None
     if etype == 0x8100 and len(frame) >= 18:
+        vid = ((frame[14] << 8) | frame[15]) & 0x0FFF
         etype = (frame[16] << 8) | frame[17]
         off = 18
     if etype != 0x0800 or len(frame) < off + 20:
@@ -64,7 +66,7 @@ def parse_frame(frame):
     if ihl < 20 or len(ip) < ihl:
         return None
     out = {"src_mac": frame[6:12], "dst_mac": frame[0:6], "src": socket.inet_ntoa(ip[12:16]),
-           "dst": socket.inet_ntoa(ip[16:20]), "proto": ip[9]}
+           "dst": socket.inet_ntoa(ip[16:20]), "proto": ip[9], "vid": vid}
     l4 = ip[ihl:]
     if ip[9] == 1 and len(l4) >= 1:
         out["icmp_type"] = l4[0]
@@ -193,6 +195,19 @@ def cmd_count_xid(args):
     n = sum(1 for p in dhcp_frames(args[0]) if p["op"] == 1 and (p["xid"] >> 16) == prefix)
     print(n)
     return 0
+
+
+def cmd_dhcp_vlan(args):
+    """pcap-dhcp-vlan PCAP OP MAC XID_PREFIX_HEX VLAN|untagged: DHCP frames
+    of the op (1 request, 2 reply) for chaddr MAC whose transaction ID
+    starts with the prefix: at least one, and every one carried with that
+    802.1Q tag (or none)."""
+    op, mac, prefix = int(args[1]), mac_bytes(args[2]), int(args[3], 16)
+    want = None if args[4] == "untagged" else int(args[4])
+    tags = [p["vid"] for p in dhcp_frames(args[0])
+            if p["op"] == op and p["chaddr"] == mac and (p["xid"] >> 16) == prefix]
+    print("frames: %d, tags: %s" % (len(tags), ", ".join("untagged" if t is None else str(t) for t in tags)))
+    return 0 if tags and all(t == want for t in tags) else 1
 
 
 def cmd_count_echo(args):
@@ -388,7 +403,7 @@ def checksum(data):
     return (~s) & 0xFFFF
 
 
-def discover(mac, xid):
+def discover(mac, xid, vid=None):
     bootp = struct.pack("!BBBBIHH4s4s4s4s16s64s128s", 1, 1, 6, 0, xid, 0, 0x8000, b"\0" * 4,
                         b"\0" * 4, b"\0" * 4, b"\0" * 4, mac + b"\0" * 10, b"", b"")
     bootp += COOKIE + bytes([OPT_MSG_TYPE, 1, 1, 255]) + b"\0" * 8
@@ -400,20 +415,22 @@ def discover(mac, xid):
     udp = udp[:6] + struct.pack("!H", csum) + udp[8:]
     ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + udp_len, 0, 0, 64, 17, 0, src, dst)
     ip = ip[:10] + struct.pack("!H", checksum(ip)) + ip[12:]
-    return b"\xff" * 6 + mac + b"\x08\x00" + ip + udp
+    tag = b"" if vid is None else struct.pack("!HH", 0x8100, vid)
+    return b"\xff" * 6 + mac + tag + b"\x08\x00" + ip + udp
 
 
 def cmd_flood(args):
-    """flood IFACE MAC COUNT PER_SECOND XID_PREFIX_HEX: sends COUNT DHCP
-    DISCOVERs from MAC at about PER_SECOND frames a second, each with a
-    transaction ID of the prefix and a running number."""
+    """flood IFACE MAC COUNT PER_SECOND XID_PREFIX_HEX [VLAN]: sends COUNT
+    DHCP DISCOVERs from MAC at about PER_SECOND frames a second, each with a
+    transaction ID of the prefix and a running number; with VLAN, tagged."""
     iface, mac, count, rate, prefix = args[0], mac_bytes(args[1]), int(args[2]), int(args[3]), int(args[4], 16)
+    vid = int(args[5]) if len(args) > 5 else None
     s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
     s.bind((iface, 0))
     gap = 1.0 / rate
     start = time.monotonic()
     for i in range(count):
-        s.send(discover(mac, (prefix << 16) | i))
+        s.send(discover(mac, (prefix << 16) | i, vid))
         delay = start + (i + 1) * gap - time.monotonic()
         if delay > 0:
             time.sleep(delay)
@@ -429,6 +446,7 @@ COMMANDS = {
     "pcap-replies-from": (cmd_count_from, 2),
     "pcap-count-xid": (cmd_count_xid, 2),
     "pcap-count-echo": (cmd_count_echo, 2),
+    "pcap-dhcp-vlan": (cmd_dhcp_vlan, 5),
     "bindings-match": (cmd_bindings_match, 3),
     "binding-file-match": (cmd_binding_file_match, 3),
     "bindings-without": (cmd_bindings_without, 2),

@@ -813,3 +813,39 @@ TEST_F(Switch, TrafficFromSeveralPortsWhileTheModuleSendsAndTheControlReads)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(LivePortNames, TextToHandleAsWrittenAndNothingElse)
+{
+    struct Case {
+        const char* text;
+        uint32_t rv;
+        up handle;
+    };
+    const Case cases[] = {
+        {"1/0/5", 0, UP_MAKE(UP_TYPE_PHYSICAL, 1, 0, 5)},
+        {" \t1/0/5", 0, UP_MAKE(UP_TYPE_PHYSICAL, 1, 0, 5)},
+        {"po2", 0, UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 2)},
+        {"255/255/255", 0, UP_MAKE(UP_TYPE_PHYSICAL, 255, 255, 255)},
+        {"1/0/x", 1, UP_INVALID},
+        {"1/0/5 ", 1, UP_INVALID},
+        {"1/0/256", 1, UP_INVALID},
+        {"1/0/0005", 1, UP_INVALID},
+        {"1/0", 1, UP_INVALID},
+        {"po", 1, UP_INVALID},
+        {"po2x", 1, UP_INVALID},
+        {"", 1, UP_INVALID},
+    };
+    for (const Case& c : cases) {
+        up h = 0;
+        EXPECT_EQ(usStr2Up(1, c.text, &h, 0), c.rv) << '"' << c.text << '"';
+        EXPECT_EQ(h, c.handle) << '"' << c.text << '"';
+    }
+    up h = 0;
+    EXPECT_EQ(usStr2Up(1, nullptr, &h, 0), 1u);
+    EXPECT_EQ(h, UP_INVALID);
+    EXPECT_EQ(usStr2Up(1, "1/0/5", nullptr, 0), 1u);
+}
+
+}  // namespace

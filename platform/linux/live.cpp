@@ -382,7 +382,12 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
     return core::reconfigure(cfg, error);
 }
 
-bool saveIdle() { return runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME); }
+// The main queue first: a frame still waiting or being handled may queue a
+// save of its own.
+bool saveIdle()
+{
+    return runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME) && runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME);
+}
 
 std::vector<PortCounters> counters() { return core::counters(); }
 

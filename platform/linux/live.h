@@ -38,7 +38,8 @@ void stop();
 // same (false and error otherwise, nothing changed). The caller then posts
 // the configuration-change message to the module.
 bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
-// True when no binding-file save is queued or running.
+// True when no binding-file save is queued or running, and no frame the
+// module has taken could still queue one.
 bool saveIdle();
 
 struct PortCounters {

@@ -94,5 +94,24 @@ std::string takeDropReason();
 // Clears the main task's lines without naming anything.
 void clearDropLines();
 
+// Error lines to standard error with the operator's debug off: at most
+// `burst` a second, so that a flood of bad frames cannot flood the log.
+// allow() says whether a line at nowMs may be written; when a new second
+// begins after lines were held back, *held is their number (else 0).
+class ErrorLineLimit {
+public:
+    explicit ErrorLineLimit(uint32_t burst) : burst_(burst) {}
+    bool allow(uint64_t nowMs, uint64_t* held);
+
+private:
+    uint32_t burst_;
+    uint64_t windowStart_ = 0;
+    uint32_t written_ = 0;
+    uint64_t held_ = 0;
+    bool started_ = false;
+};
+// Error lines written in one second before the rest are held back.
+constexpr uint32_t kErrorLinesPerSecond = 20;
+
 }  // namespace logging
 }  // namespace live

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sys/time.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -135,6 +136,63 @@ uint64_t unixMs()
 
 }  // namespace
 
+namespace {
+
+uint64_t monotonicMs()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (uint64_t)ts.tv_sec * 1000u + (uint64_t)ts.tv_nsec / 1000000u;
+}
+
+std::mutex gErrorLimitLock;
+live::logging::ErrorLineLimit gErrorLimit(live::logging::kErrorLinesPerSecond);
+
+// An error line with debug off, within the limit.
+void writeErrorLine(const char* text, size_t n)
+{
+    uint64_t held = 0;
+    bool ok;
+    {
+        std::lock_guard<std::mutex> lk(gErrorLimitLock);
+        ok = gErrorLimit.allow(monotonicMs(), &held);
+    }
+    if (held != 0) {
+        char note[128];
+        int m = snprintf(note, sizeof note, "dhcpsnoopd: %llu error lines held back (at most %u a second are written)",
+                         (unsigned long long)held, (unsigned)live::logging::kErrorLinesPerSecond);
+        writeStderr(note, (size_t)m, false);
+    }
+    if (ok)
+        writeStderr(text, n, true);
+}
+
+}  // namespace
+
+namespace live {
+namespace logging {
+
+bool ErrorLineLimit::allow(uint64_t nowMs, uint64_t* held)
+{
+    *held = 0;
+    if (!started_ || nowMs - windowStart_ >= 1000u) {
+        *held = held_;
+        held_ = 0;
+        written_ = 0;
+        windowStart_ = nowMs;
+        started_ = true;
+    }
+    if (written_ < burst_) {
+        ++written_;
+        return true;
+    }
+    ++held_;
+    return false;
+}
+
+}  // namespace logging
+}  // namespace live
+
 extern "C" {
 
 uint32_t debugFlagGet(uint32_t mid)
@@ -149,6 +207,7 @@ uint32_t debugFlagGet(uint32_t mid)
         return 1;
     return 2;
 }
+
 
 int debugPrintf(uint32_t mid, const char* format, ...)
 {
@@ -174,8 +233,10 @@ int debugPrintf(uint32_t mid, const char* format, ...)
         messageOf(buf, len, &msg, &mlen);
         classifier().add(msg, mlen);
     }
-    if (error || gDebug.load(std::memory_order_relaxed))
+    if (gDebug.load(std::memory_order_relaxed))
         writeStderr(buf, len, error);
+    else if (error)
+        writeErrorLine(buf, len);
     return n;
 }
 

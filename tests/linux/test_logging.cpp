@@ -446,3 +446,66 @@ TEST(DropReasonStart, RelatedTextsEitherWayMatter)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ErrorLineLimit, AtMostTheBurstEachSecondThenTheHeldCount)
+{
+    live::logging::ErrorLineLimit limit(3);
+    uint64_t held = 99;
+    for (int i = 0; i < 3; i++) {
+        EXPECT_TRUE(limit.allow(5000 + (uint64_t)i, &held)) << i;
+        EXPECT_EQ(held, 0u);
+    }
+    EXPECT_FALSE(limit.allow(5100, &held));
+    EXPECT_FALSE(limit.allow(5999, &held));
+    EXPECT_EQ(held, 0u) << "told only when a new second begins";
+    EXPECT_TRUE(limit.allow(6000, &held));
+    EXPECT_EQ(held, 2u);
+    EXPECT_TRUE(limit.allow(6001, &held));
+    EXPECT_EQ(held, 0u) << "told once";
+    // A quiet spell: the next line starts a fresh second with nothing held.
+    EXPECT_TRUE(limit.allow(60000, &held));
+    EXPECT_EQ(held, 0u);
+}
+
+}  // namespace
+
+TEST_F(Logging, AFloodOfErrorLinesIsHeldBackAndCountedWithDebugOff)
+{
+    const uint32_t n = live::logging::kErrorLinesPerSecond + 30;
+    std::string quiet;
+    {
+        StderrCapture cap;
+        live::setDebug(false);
+        // A fresh second first, so the whole burst is available.
+        usleep(1100 * 1000);
+        DHCP_SNOOP_ERROR("warm-up");
+        usleep(1100 * 1000);
+        for (uint32_t i = 0; i < n; i++)
+            DHCP_SNOOP_ERROR("flood line %u", i);
+        usleep(1100 * 1000);
+        DHCP_SNOOP_ERROR("after the flood");
+        quiet = cap.text();
+    }
+    size_t written = 0;
+    for (size_t pos = 0; (pos = quiet.find("flood line ", pos)) != std::string::npos; pos++)
+        written++;
+    EXPECT_EQ(written, live::logging::kErrorLinesPerSecond) << quiet;
+    EXPECT_NE(quiet.find("dhcpsnoopd: 30 error lines held back"), std::string::npos) << quiet;
+    EXPECT_NE(quiet.find("after the flood\n"), std::string::npos) << quiet;
+
+    // With debug on the operator asked for everything.
+    std::string loud;
+    {
+        StderrCapture cap;
+        live::setDebug(true);
+        for (uint32_t i = 0; i < n; i++)
+            DHCP_SNOOP_ERROR("debug flood %u", i);
+        loud = cap.text();
+    }
+    written = 0;
+    for (size_t pos = 0; (pos = loud.find("debug flood ", pos)) != std::string::npos; pos++)
+        written++;
+    EXPECT_EQ(written, n);
+}

@@ -893,59 +893,56 @@ uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 
 // ---- snooping configuration ----------------------------------------------------
 
-static DhcpSnoopPortCfg recordFor(up port)
+// A port without a record reads as all zero (untrusted, no limits, no
+// option 82). The module asks for one field at a time on every frame: no
+// copy of the whole record for that.
+}  // extern "C"
+
+template <typename T>
+static uint32_t portField(up port, T* out, T DhcpSnoopPortCfg::*field)
 {
+    if (!out)
+        return 1;
     auto& c = core();
+    Guard g(c.lock);
     auto it = c.records.find(port);
-    if (it != c.records.end())
-        return it->second;
-    DhcpSnoopPortCfg r;
-    memset(&r, 0, sizeof r);
-    return r;
+    *out = it != c.records.end() ? it->second.*field : T{};
+    return 0;
 }
+
+extern "C" {
 
 uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
 {
-    if (!trust)
-        return 1;
-    Guard g(core().lock);
-    *trust = recordFor(port).trust;
-    return 0;
+    return portField(port, trust, &DhcpSnoopPortCfg::trust);
 }
 
 uint32_t swDhcpSnoopGetPortMacVerify(up port, uint8_t* macVerify)
 {
-    if (!macVerify)
-        return 1;
-    Guard g(core().lock);
-    *macVerify = recordFor(port).macVerify;
-    return 0;
+    return portField(port, macVerify, &DhcpSnoopPortCfg::macVerify);
+}
+
+uint32_t swDhcpSnoopGetPortLimitRate(up port, uint8_t* rate)
+{
+    return portField(port, rate, &DhcpSnoopPortCfg::limitRate);
+}
+
+uint32_t swDhcpSnoopGetPortDecLimitRate(up port, uint8_t* rate)
+{
+    return portField(port, rate, &DhcpSnoopPortCfg::decLimitRate);
 }
 
 uint32_t swDhcpSnoopGetPortCfg(up port, DhcpSnoopPortCfg* cfg)
 {
     if (!cfg)
         return 1;
-    Guard g(core().lock);
-    *cfg = recordFor(port);
-    return 0;
-}
-
-uint32_t swDhcpSnoopGetPortLimitRate(up port, uint8_t* rate)
-{
-    if (!rate)
-        return 1;
-    Guard g(core().lock);
-    *rate = recordFor(port).limitRate;
-    return 0;
-}
-
-uint32_t swDhcpSnoopGetPortDecLimitRate(up port, uint8_t* rate)
-{
-    if (!rate)
-        return 1;
-    Guard g(core().lock);
-    *rate = recordFor(port).decLimitRate;
+    auto& c = core();
+    Guard g(c.lock);
+    auto it = c.records.find(port);
+    if (it != c.records.end())
+        *cfg = it->second;
+    else
+        memset(cfg, 0, sizeof *cfg);
     return 0;
 }
 

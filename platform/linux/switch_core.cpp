@@ -407,23 +407,6 @@ void transmitAll(Core& c, const std::shared_ptr<const Transmit>& tx, const Egres
             ++c.ports[e.port[k]].counters.txFrames;
 }
 
-DhcpSnoopPortCfg recordOf(const swcfg::PortConfig& p)
-{
-    DhcpSnoopPortCfg r;
-    memset(&r, 0, sizeof r);
-    r.trust = p.trust ? 1 : 0;
-    r.macVerify = p.verifyMac ? 1 : 0;
-    r.limitRate = p.rate;
-    r.decLimitRate = p.declineRate;
-    r.op82Enable = p.option82 ? 1 : 0;
-    r.Op82Policy = p.option82Policy;
-    r.circuitIdFormat = p.circuitId.empty() ? 0 : 1;
-    r.remoteIdFormat = p.remoteId.empty() ? 0 : 1;
-    memcpy(r.circuitId, p.circuitId.data(), std::min(p.circuitId.size(), sizeof r.circuitId - 1));
-    memcpy(r.remoteId, p.remoteId.data(), std::min(p.remoteId.size(), sizeof r.remoteId - 1));
-    return r;
-}
-
 // Takes cfg's switch-wide settings and port records (under the lock).
 void applyConfig(Core& c, const swcfg::SwitchConfig& cfg)
 {
@@ -434,7 +417,7 @@ void applyConfig(Core& c, const swcfg::SwitchConfig& cfg)
     c.portChannels = kDefaultPortChannels;
     for (size_t i = 0; i < cfg.ports.size(); ++i) {
         const swcfg::PortConfig& p = cfg.ports[i];
-        c.records[p.handle] = recordOf(p);
+        c.records[p.handle] = swcfg::snoopRecord(p);
         c.portOf[p.handle] = i;
         if (UP_KIND(p.handle) == UP_TYPE_PHYSICAL)
             c.physicalPorts = std::max(c.physicalPorts, std::min(UP_PORT(p.handle), kPortsPerUnit));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -73,6 +74,25 @@ bool parsePortName(const std::string& text, up* handle)
         return false;
     *handle = UP_MAKE(UP_TYPE_PHYSICAL, unit, slot, port);
     return true;
+}
+
+DhcpSnoopPortCfg snoopRecord(const PortConfig& p)
+{
+    DhcpSnoopPortCfg r;
+    memset(&r, 0, sizeof r);
+    r.trust = p.trust ? 1 : 0;
+    r.macVerify = p.verifyMac ? 1 : 0;
+    r.limitRate = p.rate;
+    r.decLimitRate = p.declineRate;
+    r.op82Enable = p.option82 ? 1 : 0;
+    r.Op82Policy = p.option82Policy;
+    r.circuitIdFormat = p.circuitId.empty() ? 0 : 1;
+    r.remoteIdFormat = p.remoteId.empty() ? 0 : 1;
+    // Checked against the fields' size when the file was read; the
+    // terminator stays.
+    memcpy(r.circuitId, p.circuitId.data(), std::min(p.circuitId.size(), sizeof r.circuitId - 1));
+    memcpy(r.remoteId, p.remoteId.data(), std::min(p.remoteId.size(), sizeof r.remoteId - 1));
+    return r;
 }
 
 std::string macText(const std::array<uint8_t, 6>& mac)

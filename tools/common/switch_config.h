@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/port.h"
+#include "platform/snoopcfg.h"
 
 namespace swcfg {
 
@@ -67,6 +68,9 @@ bool parsePortName(const std::string& text, up* handle);
 bool parseSwitchConfig(const std::string& text, const std::string& source, SwitchConfig& out,
                        std::string& error);
 bool loadSwitchConfig(const std::string& path, SwitchConfig& out, std::string& error);
+
+// The snooping configuration record the platform hands the module for a port.
+DhcpSnoopPortCfg snoopRecord(const PortConfig& port);
 
 std::string macText(const std::array<uint8_t, 6>& mac);
 std::string policyText(uint8_t policy);

@@ -1,7 +1,6 @@
 #include "switch_config_sim.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/sim/sim.h"
 #include "snooping/dhcpSnoop.h"
@@ -13,13 +12,6 @@ namespace {
 // The simulation's default switch: 28 ports, 8 port channels.
 constexpr uint32_t kDefaultPorts = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
-
-void copyText(char* field, const std::string& text)
-{
-    // Checked against the field's size when the file was read.
-    memset(field, 0, DHCP_SNOOP_OP82_TEXT_LEN);
-    memcpy(field, text.data(), std::min(text.size(), (size_t)DHCP_SNOOP_OP82_TEXT_LEN - 1));
-}
 
 }  // namespace
 
@@ -43,18 +35,7 @@ void applyToSim(const SwitchConfig& cfg)
         sim::setSwitchMac(mac);
     }
     for (const auto& p : cfg.ports) {
-        DhcpSnoopPortCfg& c = sim::portCfg(p.handle);
-        memset(&c, 0, sizeof c);
-        c.trust = p.trust ? 1 : 0;
-        c.macVerify = p.verifyMac ? 1 : 0;
-        c.limitRate = p.rate;
-        c.decLimitRate = p.declineRate;
-        c.op82Enable = p.option82 ? 1 : 0;
-        c.Op82Policy = p.option82Policy;
-        c.circuitIdFormat = p.circuitId.empty() ? 0 : 1;
-        c.remoteIdFormat = p.remoteId.empty() ? 0 : 1;
-        copyText(c.circuitId, p.circuitId);
-        copyText(c.remoteId, p.remoteId);
+        sim::portCfg(p.handle) = swcfg::snoopRecord(p);
     }
     for (uint16_t vid : cfg.snoopingVlans)
         sim::setVlanSnooping(vid, true);

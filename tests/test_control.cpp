@@ -17,6 +17,7 @@
 
 #include "snooping/dhcpSnoopWire.h"
 #include "support/fixture.h"
+#include "tools/common/json_text.h"
 #include "tools/ctl/ctl.h"
 #include "tools/daemon/command.h"
 #include "tools/daemon/control.h"
@@ -273,9 +274,9 @@ TEST(ControlAnswers, EventsJsonIsTheAgreedShape)
 
 TEST(ControlAnswers, JsonStringsEscapeEverythingBelowBlank)
 {
-    EXPECT_EQ(ctl::jsonString(std::string("a\"b\\c\n\r\t\x01\x1f\x7f", 11)),
+    EXPECT_EQ(jsontext::quoted(std::string("a\"b\\c\n\r\t\x01\x1f\x7f", 11)),
               "\"a\\\"b\\\\c\\n\\r\\t\\u0001\\u001f\\u007f\"");
-    EXPECT_EQ(ctl::jsonString("port 1/0/3 \xc3\xa9"), "\"port 1/0/3 \xc3\xa9\"");
+    EXPECT_EQ(jsontext::quoted("port 1/0/3 \xc3\xa9"), "\"port 1/0/3 \xc3\xa9\"");
 }
 
 // A backend that records what the daemon asks of the module.

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <sstream>
 
+#include "tools/common/json_text.h"
+
 namespace ctl {
 
 namespace {
@@ -209,30 +211,6 @@ std::string macText(const std::array<uint8_t, 6>& mac)
     return buf;
 }
 
-std::string jsonString(const std::string& text)
-{
-    std::string out = "\"";
-    for (char ch : text) {
-        unsigned char c = (unsigned char)ch;
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20 || c == 0x7F) {
-                char buf[8];
-                snprintf(buf, sizeof buf, "\\u%04x", c);
-                out += buf;
-            } else {
-                out += (char)c;
-            }
-        }
-    }
-    return out + "\"";
-}
-
 std::string utcText(uint64_t unixMs)
 {
     time_t t = (time_t)(unixMs / 1000);
@@ -260,8 +238,8 @@ std::string bindingsJson(const std::vector<Binding>& bindings)
     o << "[";
     for (size_t i = 0; i < bindings.size(); ++i) {
         const Binding& b = bindings[i];
-        o << (i ? ",\n " : "") << "{\"ip\":" << jsonString(ipText(b.ip)) << ",\"mac\":" << jsonString(macText(b.mac))
-          << ",\"vlan\":" << b.vlan << ",\"port\":" << jsonString(b.port) << ",\"lease\":";
+        o << (i ? ",\n " : "") << "{\"ip\":" << jsontext::quoted(ipText(b.ip)) << ",\"mac\":" << jsontext::quoted(macText(b.mac))
+          << ",\"vlan\":" << b.vlan << ",\"port\":" << jsontext::quoted(b.port) << ",\"lease\":";
         // A lease without end has no number of seconds left.
         if (b.lease == kLeaseForever)
             o << "null";
@@ -295,13 +273,13 @@ std::string countersJson(const std::vector<live::PortCounters>& counters)
     o << "[";
     for (size_t i = 0; i < counters.size(); ++i) {
         const live::PortCounters& c = counters[i];
-        o << (i ? ",\n " : "") << "{\"port\":" << jsonString(c.name) << ",\"interface\":" << jsonString(c.interface)
+        o << (i ? ",\n " : "") << "{\"port\":" << jsontext::quoted(c.name) << ",\"interface\":" << jsontext::quoted(c.interface)
           << ",\"rx\":" << c.rxFrames << ",\"tx\":" << c.txFrames << ",\"trapped\":" << c.trapped
           << ",\"dhcp_forwarded\":" << c.dhcpForwarded << ",\"source_guard_dropped\":" << c.sourceGuardDropped
           << ",\"dropped\":{";
         bool first = true;
         for (const auto& d : c.dropped) {
-            o << (first ? "" : ",") << jsonString(d.first) << ":" << d.second;
+            o << (first ? "" : ",") << jsontext::quoted(d.first) << ":" << d.second;
             first = false;
         }
         o << "}}";
@@ -340,8 +318,8 @@ std::string eventsJson(const std::vector<live::Event>& events)
     o << "[";
     for (size_t i = 0; i < events.size(); ++i) {
         const live::Event& e = events[i];
-        o << (i ? ",\n " : "") << "{\"time\":" << jsonString(utcText(e.unixMs)) << ",\"code\":" << e.code
-          << ",\"text\":" << jsonString(e.text) << "}";
+        o << (i ? ",\n " : "") << "{\"time\":" << jsontext::quoted(utcText(e.unixMs)) << ",\"code\":" << e.code
+          << ",\"text\":" << jsontext::quoted(e.text) << "}";
     }
     o << "]\n";
     return o.str();

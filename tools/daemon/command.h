@@ -49,7 +49,6 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
 
 std::string ipText(const std::array<uint8_t, 4>& ip);
 std::string macText(const std::array<uint8_t, 6>& mac);  // lower case, colons
-std::string jsonString(const std::string& text);         // quoted and escaped
 // "2026-11-22T21:40:01Z"
 std::string utcText(uint64_t unixMs);
 

@@ -16,6 +16,7 @@
 #include "snooping/dhcpSnoop.h"
 #include "snooping/dhcpSnoopInternal.h"
 #include "tools/common/drop_reason.h"
+#include "tools/common/json_text.h"
 #include "tools/common/switch_config_sim.h"
 
 namespace replay {
@@ -375,39 +376,6 @@ private:
     size_t syslogSeen_ = 0;
 };
 
-std::string jsonString(const std::string& s)
-{
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-        case '"':
-            o += "\\\"";
-            break;
-        case '\\':
-            o += "\\\\";
-            break;
-        case '\n':
-            o += "\\n";
-            break;
-        case '\r':
-            o += "\\r";
-            break;
-        case '\t':
-            o += "\\t";
-            break;
-        default:
-            if (c < 0x20) {
-                char b[8];
-                snprintf(b, sizeof b, "\\u%04x", c);
-                o += b;
-            } else {
-                o += (char)c;
-            }
-        }
-    }
-    return o + "\"";
-}
-
 std::string hex32(uint32_t v)
 {
     char b[12];
@@ -509,9 +477,9 @@ std::string bindingsJson(const Result& r)
     o << "[";
     for (size_t i = 0; i < r.bindings.size(); ++i) {
         const Binding& b = r.bindings[i];
-        o << (i ? ",\n  " : "\n  ") << "{\"ip\": " << jsonString(b.ip)
-          << ", \"mac\": " << jsonString(b.mac) << ", \"vlan\": " << b.vlan
-          << ", \"port\": " << jsonString(b.port) << ", \"lease\": ";
+        o << (i ? ",\n  " : "\n  ") << "{\"ip\": " << jsontext::quoted(b.ip)
+          << ", \"mac\": " << jsontext::quoted(b.mac) << ", \"vlan\": " << b.vlan
+          << ", \"port\": " << jsontext::quoted(b.port) << ", \"lease\": ";
         if (b.lease == DHCP_SNOOP_TTL_FOREVER)
             o << "\"infinite\"";
         else
@@ -529,13 +497,13 @@ std::string eventsJson(const Result& r, const std::vector<Input>& inputs)
     for (size_t i = 0; i < r.syslog.size(); ++i) {
         const SyslogEvent& e = r.syslog[i];
         o << (i ? ",\n    " : "\n    ") << "{\"time\": " << relTime((int64_t)e.timeMs * 1000)
-          << ", \"code\": " << jsonString(hex32(e.code)) << ", \"text\": " << jsonString(e.text)
+          << ", \"code\": " << jsontext::quoted(hex32(e.code)) << ", \"text\": " << jsontext::quoted(e.text)
           << ", \"args\": [";
         for (size_t a = 0; a < 6; ++a) {
             if (a)
                 o << ", ";
             if (a == 0 && !e.portName.empty())
-                o << jsonString(e.portName);
+                o << jsontext::quoted(e.portName);
             else
                 o << e.args[a];
         }
@@ -545,11 +513,11 @@ std::string eventsJson(const Result& r, const std::vector<Input>& inputs)
     o << "  \"drops\": [";
     for (size_t i = 0; i < r.drops.size(); ++i) {
         const Drop& d = r.drops[i];
-        o << (i ? ",\n    " : "\n    ") << "{\"port\": " << jsonString(d.port)
-          << ", \"input\": " << jsonString(inputs[d.input].file) << ", \"frame\": " << d.number
+        o << (i ? ",\n    " : "\n    ") << "{\"port\": " << jsontext::quoted(d.port)
+          << ", \"input\": " << jsontext::quoted(inputs[d.input].file) << ", \"frame\": " << d.number
           << ", \"time\": " << relTime(d.tsUs - r.t0Us)
-          << ", \"timestamp\": " << jsonString(relTime(d.tsUs))
-          << ", \"reason\": " << jsonString(d.reason) << "}";
+          << ", \"timestamp\": " << jsontext::quoted(relTime(d.tsUs))
+          << ", \"reason\": " << jsontext::quoted(d.reason) << "}";
     }
     o << (r.drops.empty() ? "]\n}\n" : "\n  ]\n}\n");
     return o.str();

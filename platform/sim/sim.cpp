@@ -79,12 +79,20 @@ struct Failure {
     int times;
 };
 
+struct Hook {
+    std::function<void()> fn;
+    int skip;
+    int times;
+};
+
 struct Queue {
     std::string name;
     uint32_t depth;
     uint32_t recordSize;
     uint32_t option;
     std::deque<std::vector<uint8_t>> records;
+    int32_t lastSendWait = 0;
+    int32_t lastReceiveWait = 0;
 };
 
 struct Thread {
@@ -138,7 +146,9 @@ struct State {
     size_t badFrees = 0;
 
     std::map<std::string, Failure> failures;
+    std::map<std::string, Hook> hooks;
     std::vector<std::string> events;
+    std::set<uint32_t> moduleIds;  // module ids passed to any platform call
 
     // queues, mutexes, tasks
     std::vector<Queue> queues;  // handle = index + 1
@@ -184,10 +194,42 @@ using Guard = std::lock_guard<std::recursive_mutex>;
 
 std::string tagText(const char* tag) { return tag ? tag : "(null)"; }
 
+// Runs the hook armed for the call named by key, if any, without holding the
+// lock (a hook may call the module, or throw to leave a task loop).
+void runHook(const char* key)
+{
+    State& s = st();
+    std::function<void()> fn;
+    {
+        Guard g(s.lock);
+        auto it = s.hooks.find(key);
+        if (it == s.hooks.end())
+            return;
+        Hook& h = it->second;
+        if (h.skip > 0) {
+            --h.skip;
+            return;
+        }
+        fn = h.fn;
+        if (h.times > 0 && --h.times == 0)
+            s.hooks.erase(it);
+    }
+    if (fn)
+        fn();
+}
+
+void noteModuleId(uint32_t mid)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.moduleIds.insert(mid);
+}
+
 // The one failure-injection check: true when the call named by key fails,
-// with *code set to the armed value.
+// with *code set to the armed value. Runs the call's hook first.
 bool shouldFail(const char* key, uint32_t* code)
 {
+    runHook(key);
     State& s = st();
     Guard g(s.lock);
     auto it = s.failures.find(key);
@@ -492,13 +534,15 @@ static Queue* queueOf(State& s, PalMsgQ q)
 
 int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait, uint32_t option)
 {
-    (void)wait;  // a simulated queue never waits: nobody could drain it meanwhile
+    // A simulated queue never waits (nobody could drain it meanwhile); the
+    // wait asked for is recorded.
     (void)option;
     State& s = st();
     Guard g(s.lock);
     Queue* queue = queueOf(s, q);
     if (!queue)
         return -1;
+    queue->lastSendWait = wait;
     if (shouldFail("pal_msgQ_send:" + queue->name, nullptr))
         return -1;
     if (size > queue->recordSize || (size > 0 && !buffer) || queue->records.size() >= queue->depth)
@@ -512,11 +556,26 @@ int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait
 
 int32_t pal_msgQ_receive(PalMsgQ q, void* buffer, uint32_t size, int32_t wait, uint32_t* word)
 {
-    (void)wait;
     State& s = st();
+    std::string name;
+    {
+        Guard g(s.lock);
+        Queue* queue = queueOf(s, q);
+        if (queue) {
+            name = queue->name;
+            queue->lastReceiveWait = wait;
+        }
+    }
+    uint32_t code = 0;
+    // The hook runs first: a test's task loop ends there.
+    if (shouldFail("pal_msgQ_receive:" + name, &code))
+        return (int32_t)code;
+    bool forced = shouldFail("pal_msgQ_receive_result:" + name, &code);
     Guard g(s.lock);
     Queue* queue = queueOf(s, q);
-    if (!queue || queue->records.empty())
+    if (!queue)
+        return -1;
+    if (queue->records.empty())
         return -1;
     uint32_t n = std::min(size, queue->recordSize);
     if (n > 0 && !buffer)
@@ -526,7 +585,7 @@ int32_t pal_msgQ_receive(PalMsgQ q, void* buffer, uint32_t size, int32_t wait, u
     queue->records.pop_front();
     if (word)
         *word = 0;
-    return (int32_t)n;
+    return forced ? (int32_t)code : (int32_t)n;
 }
 
 // ---- tasks ------------------------------------------------------------------
@@ -636,7 +695,7 @@ const char* pal_file_path(const char* path)
 
 uint32_t debugFlagGet(uint32_t mid)
 {
-    (void)mid;
+    noteModuleId(mid);
     State& s = st();
     Guard g(s.lock);
     return s.debugFlag;
@@ -644,7 +703,7 @@ uint32_t debugFlagGet(uint32_t mid)
 
 int debugPrintf(uint32_t mid, const char* format, ...)
 {
-    (void)mid;
+    noteModuleId(mid);
     if (!format)
         return 0;
     std::vector<char> buf(512);
@@ -681,7 +740,7 @@ int debugPrintf(uint32_t mid, const char* format, ...)
 
 const char* midNameGet(uint32_t mid)
 {
-    (void)mid;
+    noteModuleId(mid);
     State& s = st();
     Guard g(s.lock);
     return s.moduleName.c_str();
@@ -1093,7 +1152,7 @@ uint32_t stkGetCurrentUnit(void)
 
 uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
 {
-    (void)mid;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoRuntimeDataSync", &code))
         return code;
@@ -1109,13 +1168,14 @@ uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
 uint32_t stkUsoDataSyncCbReg(uint32_t mid, uint32_t priority, StkUsoDataSyncSetCb setCb,
                              StkUsoDataSyncGetCb getCb, StkUsoDataSyncFreeCb freeCb)
 {
-    (void)mid;
-    (void)priority;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoDataSyncCbReg", &code))
         return code;
     State& s = st();
     Guard g(s.lock);
+    s.stk.dataSyncMid = mid;
+    s.stk.dataSyncPriority = priority;
     s.stk.dataSyncSet = setCb;
     s.stk.dataSyncGet = getCb;
     s.stk.dataSyncFree = freeCb;
@@ -1125,12 +1185,13 @@ uint32_t stkUsoDataSyncCbReg(uint32_t mid, uint32_t priority, StkUsoDataSyncSetC
 
 uint32_t stkUsoRuntimeDataHndReg(uint32_t mid, StkUsoRuntimeDataHnd hnd)
 {
-    (void)mid;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoRuntimeDataHndReg", &code))
         return code;
     State& s = st();
     Guard g(s.lock);
+    s.stk.runtimeMid = mid;
     s.stk.runtime = hnd;
     event(s, "stk_reg runtime");
     return 0;
@@ -1138,13 +1199,14 @@ uint32_t stkUsoRuntimeDataHndReg(uint32_t mid, StkUsoRuntimeDataHnd hnd)
 
 uint32_t stkUsoAttachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
 {
-    (void)mid;
-    (void)priority;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoAttachCbReg", &code))
         return code;
     State& s = st();
     Guard g(s.lock);
+    s.stk.attachMid = mid;
+    s.stk.attachPriority = priority;
     s.stk.attach = cb;
     event(s, "stk_reg attach");
     return 0;
@@ -1152,13 +1214,14 @@ uint32_t stkUsoAttachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
 
 uint32_t stkUsoDetachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
 {
-    (void)mid;
-    (void)priority;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoDetachCbReg", &code))
         return code;
     State& s = st();
     Guard g(s.lock);
+    s.stk.detachMid = mid;
+    s.stk.detachPriority = priority;
     s.stk.detach = cb;
     event(s, "stk_reg detach");
     return 0;
@@ -1166,13 +1229,14 @@ uint32_t stkUsoDetachCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
 
 uint32_t stkUsoUpdateCbReg(uint32_t mid, uint32_t priority, StkUsoUnitCb cb)
 {
-    (void)mid;
-    (void)priority;
+    noteModuleId(mid);
     uint32_t code;
     if (shouldFail("stkUsoUpdateCbReg", &code))
         return code;
     State& s = st();
     Guard g(s.lock);
+    s.stk.updateMid = mid;
+    s.stk.updatePriority = priority;
     s.stk.update = cb;
     event(s, "stk_reg update");
     return 0;
@@ -1239,6 +1303,8 @@ void reset()
     s.fdbLookups.clear();
     s.qtable.clear();
     s.stk = StkRegistrations{};
+    s.hooks.clear();
+    s.moduleIds.clear();
     s.runtimeRecords.clear();
 
     s.fileRoot.clear();
@@ -1551,6 +1617,37 @@ void clearFailures()
     State& s = st();
     Guard g(s.lock);
     s.failures.clear();
+    s.hooks.clear();
+}
+
+void onCall(const std::string& key, std::function<void()> fn, int skip, int times)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.hooks[key] = Hook{std::move(fn), skip < 0 ? 0 : skip, times};
+}
+
+std::set<uint32_t> moduleIds()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.moduleIds;
+}
+
+int32_t lastSendWait(PalMsgQ q)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    return queue ? queue->lastSendWait : 0;
+}
+
+int32_t lastReceiveWait(PalMsgQ q)
+{
+    State& s = st();
+    Guard g(s.lock);
+    Queue* queue = queueOf(s, q);
+    return queue ? queue->lastReceiveWait : 0;
 }
 
 // ---- events -------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -114,8 +115,25 @@ bool isLiveAlloc(const void* p);
 // "add_timer:<name>", the name of each stacking, configuration, FDB,
 // transmission and source-guard function ("stkUsoDetachCbReg",
 // "swDhcpSnoopGetPortTrust", "norvikPacketSend", "swQTableAdd", ...).
+//
+// "pal_msgQ_receive:<name>" fails a receive (returns code, takes nothing);
+// "pal_msgQ_receive_result:<name>" takes the record as usual but returns
+// code instead of its size.
 void failNext(const std::string& key, uint32_t code = 1, int skip = 0, int times = 1);
+// Forgets armed failures and hooks.
 void clearFailures();
+
+// Runs fn at the start of a call of the primitive named by key (the keys of
+// failNext), before the call acts or fails, outside the simulation's lock:
+// the next `skip` calls pass, then `times` calls run it (-1: all further
+// calls). A hook stands for another thread acting at that very moment (a
+// stacking callback), or throws TaskStop to leave a task loop.
+void onCall(const std::string& key, std::function<void()> fn, int skip = 0, int times = 1);
+// Thrown by a hook to end a task body that never returns.
+struct TaskStop {};
+
+// Module ids passed to the platform (debug, log and stacking calls).
+std::set<uint32_t> moduleIds();
 
 // ---- resource events ---------------------------------------------------------------
 // Every creation and release, in order, as text:
@@ -132,6 +150,8 @@ void clearEvents();
 PalMsgQ queueByName(const std::string& name);    // 0 when there is none
 size_t queueDepth(PalMsgQ q);                     // records waiting
 size_t queueCapacity(PalMsgQ q);
+int32_t lastSendWait(PalMsgQ q);                  // wait argument of the last send
+int32_t lastReceiveWait(PalMsgQ q);               // wait argument of the last receive
 uint32_t queueRecordSize(PalMsgQ q);
 // Takes the oldest record without blocking; false when empty.
 bool queueTake(PalMsgQ q, void* buffer, uint32_t size);
@@ -216,6 +236,12 @@ struct StkRegistrations {
     StkUsoDataSyncGetCb dataSyncGet = nullptr;
     StkUsoDataSyncFreeCb dataSyncFree = nullptr;
     StkUsoRuntimeDataHnd runtime = nullptr;
+    // Module id and priority of each registration.
+    uint32_t detachMid = 0, detachPriority = 0;
+    uint32_t attachMid = 0, attachPriority = 0;
+    uint32_t updateMid = 0, updatePriority = 0;
+    uint32_t dataSyncMid = 0, dataSyncPriority = 0;
+    uint32_t runtimeMid = 0;
 };
 const StkRegistrations& stkRegistrations();
 // Bytes of every record sent with stkUsoRuntimeDataSync (len bytes each).

@@ -177,6 +177,8 @@ uint32_t dhcpSnoopElementFiledIn(const DhcpSnoopElement *e, uint32_t tableType);
  * for any other element. Checked under the table lock, so that only one
  * thread ever gives such an element back. */
 uint32_t dhcpSnoopElementClaimNull(DhcpSnoopElement *e, uint32_t tableType);
+/* Non-zero when e is an element of the pool (not a copy on a stack). */
+uint32_t dhcpSnoopElementIsPooled(const DhcpSnoopElement *e);
 /* dhcpSnoopElementAddNew that also says whether this call linked the element
  * (0: the caller still owns it and frees it). */
 uint32_t dhcpSnoopElementAddNewEx(DhcpSnoopElement *element, uint32_t tableType, uint32_t *filed);

@@ -114,36 +114,16 @@ static uint32_t dhcpSnoopDeclineLimit(DHCP_SNOOP_UP_T port, uint8_t decRate)
 
 /* ---- message-type policy ------------------------------------------------------------ */
 
-/* Whether a table links the element: the element's own links cannot tell a
- * bucket's only node from an element that is not filed. */
-static int dhcpSnoopPolicyIsLinked(const DhcpSnoopElement *element, DhcpSnoopElement **table)
-{
-    const DhcpSnoopElement *node;
-    uint32_t walked;
-
-    if (table == NULL)
-        return 0;
-    node = dhcpSnoopHead(table, element->clientIp[3] & DHCP_SNOOP_HASH_MASK);
-    for (walked = 0; node != NULL && walked < DHCP_SNOOP_POOL_SIZE; walked++) {
-        if (node == element)
-            return 1;
-        node = dhcpSnoopNext(node);
-    }
-    return 0;
-}
-
-/* The end of the new element's life in the policy: a table that links it owns
- * it; otherwise it goes back to the pool. Asking the links rather than the
- * add status keeps it right when the status changed since the add, or could
- * not be read at all. An element filed before an error exit therefore stays
- * filed (consistent with the source-guard table and the other units) and ages
- * out like any other entry. */
+/* The end of the new element's life in the policy. Once a table has filed it,
+ * the policy works on a copy (see dhcpSnoopPolicyFile) and there is nothing
+ * to give back: the table owns the element, and another thread (a stacking
+ * callback) may already have removed it, freed it and handed it out again.
+ * An element filed before an error exit therefore stays filed (consistent
+ * with the source-guard table and the other units) and ages out like any
+ * other entry. Anything else goes back to the pool. */
 static void dhcpSnoopPolicyPutBack(DhcpSnoopElement *tempElement)
 {
-    /* Only a REQUEST and an ACK are ever filed, each in its own table. */
-    if (tempElement->type == DHCP_SNOOP_TYPE_REQUEST && dhcpSnoopPolicyIsLinked(tempElement, requestTable))
-        return;
-    if (tempElement->type == DHCP_SNOOP_TYPE_ACK && dhcpSnoopPolicyIsLinked(tempElement, dynamicTable))
+    if (!dhcpSnoopElementIsPooled(tempElement))
         return;
     dhcpSnoopFreeMem(tempElement);
 }
@@ -170,6 +150,32 @@ static uint32_t dhcpSnoopPolicyEnd(DhcpSnoopElement *tempElement)
             return dhcpSnoopPolicyFail(tempElement, rv, #call);                                 \
     } while (0)
 
+/* Files *tempElement in the selected table. The filing result, never a look
+ * at the table afterwards, says who owns the element: when this call linked
+ * it, *tempElement is pointed at view, a copy taken before, and the rest of
+ * the policy reads only that. */
+static uint32_t dhcpSnoopPolicyFile(DhcpSnoopElement **tempElement, uint32_t tableType, DhcpSnoopElement *view)
+{
+    uint32_t filed = 0;
+    uint32_t rv;
+
+    memcpy(view, *tempElement, sizeof(*view));
+    view->next = NULL;
+    view->prev = NULL;
+    rv = dhcpSnoopElementAddNewEx(*tempElement, tableType, &filed);
+    if (filed != 0)
+        *tempElement = view;
+    return rv;
+}
+
+/* The filing step with the text of the call it stands for. */
+#define DHCP_SNOOP_POLICY_FILE(tableType, callText)                                             \
+    do {                                                                                        \
+        rv = dhcpSnoopPolicyFile(&tempElement, tableType, &view);                               \
+        if (rv != 0)                                                                            \
+            return dhcpSnoopPolicyFail(tempElement, rv, callText);                              \
+    } while (0)
+
 static int dhcpSnoopIpIsZero(const DhcpSnoopElement *e)
 {
     return e->clientIp[0] == 0 && e->clientIp[1] == 0 && e->clientIp[2] == 0 && e->clientIp[3] == 0;
@@ -187,12 +193,14 @@ static int dhcpSnoopTableChangesOn(void)
 static uint32_t dhcpSnoopPolicyRequest(DhcpSnoopPacket *inputPacket, DhcpSnoopElement *tempElement)
 {
     DhcpSnoopElement *temp1;
+    DhcpSnoopElement view;
     uint32_t rv;
 
     temp1 = dhcpSnoopElementSearchByIpVlanMac(tempElement, DHCP_SNOOP_ELEMENT_REQUEST);
     if (temp1 != NULL)
         DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST));
-    DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_REQUEST));
+    DHCP_SNOOP_POLICY_FILE(DHCP_SNOOP_ELEMENT_REQUEST,
+                               "dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_REQUEST)");
     DHCP_SNOOP_DEBUG("Forward the DHCP request packet.");
     DHCP_SNOOP_POLICY_TRY(dhcpSnoopPacketForward(inputPacket, tempElement));
     return dhcpSnoopPolicyEnd(tempElement);
@@ -202,6 +210,7 @@ static uint32_t dhcpSnoopPolicyAck(DhcpSnoopPacket *inputPacket, DhcpSnoopElemen
 {
     DhcpSnoopElement *temp1;
     DhcpSnoopElement *temp2;
+    DhcpSnoopElement view;
     uint32_t rv;
 
     if (dhcpSnoopIpIsZero(tempElement)) {
@@ -243,7 +252,8 @@ static uint32_t dhcpSnoopPolicyAck(DhcpSnoopPacket *inputPacket, DhcpSnoopElemen
         /* The client sits where its REQUEST came in, not behind the server's
          * port. */
         tempElement->up = temp1->up;
-        DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_DYNAMIC));
+        DHCP_SNOOP_POLICY_FILE(DHCP_SNOOP_ELEMENT_DYNAMIC,
+                               "dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_DYNAMIC)");
         DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST));
     }
     DHCP_SNOOP_DEBUG("Forward the DHCP ack packet.");

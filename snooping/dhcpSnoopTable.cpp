@@ -37,6 +37,11 @@ static void dhcpSnoopSetFiled(const DhcpSnoopElement *e, uint8_t value)
         __atomic_store_n(mark, value, __ATOMIC_RELEASE);
 }
 
+uint32_t dhcpSnoopElementIsPooled(const DhcpSnoopElement *e)
+{
+    return dhcpSnoopFiledMark(e) != NULL ? 1u : 0u;
+}
+
 uint32_t dhcpSnoopElementFiledIn(const DhcpSnoopElement *e, uint32_t tableType)
 {
     uint8_t *mark = dhcpSnoopFiledMark(e);

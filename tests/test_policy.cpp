@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "policy_support.h"
+#include "snooping/dhcpSnoopWire.h"
 
 namespace {
 
@@ -564,6 +565,65 @@ TEST_F(PolicyTest, FailedRemovalOnNakIsAnErrorExit)
     EXPECT_TRUE(hasErrorLine("E - 1320 call dhcpSnoopElementDelete(temp2, DHCP_SNOOP_ELEMENT_DYNAMIC) failed."));
     EXPECT_TRUE(sim::sent().empty());
     expectElementReturned();
+}
+
+
+// ---- a stack unit acting while the ACK is handled ------------------------------------
+// The stacking service calls the runtime handler on its own thread; here it
+// acts at the worst moment, from within the ACK's own runtime sync: right
+// after the ACK's element was filed, before the policy is done with it.
+
+void handleRuntimeRecord(uint32_t op, const DhcpSnoopElement &v)
+{
+    uint8_t rec[DHCP_SNOOP_RUNTIME_RECORD_SIZE];
+    dhcpSnoopRuntimeRecordEncode(op, &v, rec);
+    UsoData d{rec, sizeof rec};
+    EXPECT_EQ(dhcpSnoopRuntimeDataHnd(&d), 0u);
+}
+
+TEST_F(PolicyTest, BindingRemovedByAStackUnitWhileTheAckIsHandledIsFreedOnce)
+{
+    fileRequest(client);
+    DhcpSnoopElement *ack = element(DHCP_SNOOP_TYPE_ACK, kClientIp, server, kXid, kVlan, kClientMac, 3600);
+    DhcpSnoopElement gone = keyOf(kClientIp);
+    sim::onCall("stkUsoRuntimeDataSync", [&] { handleRuntimeRecord(DHCP_SNOOP_SYNC_DELETE, gone); });
+    EXPECT_EQ(manage(ack, fb::ack(params())), 0u);
+    EXPECT_EQ(find(DHCP_SNOOP_ELEMENT_DYNAMIC), nullptr);
+    EXPECT_EQ(find(DHCP_SNOOP_ELEMENT_REQUEST), nullptr);
+    // Given back once: by the removal, not again by the policy.
+    EXPECT_EQ(mallocCounter, 0u);
+    EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE);
+    // The client still gets its ACK, as received.
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_EQ(sim::sent()[0].frame, fb::ack(params()).build());
+}
+
+TEST_F(PolicyTest, ElementReusedByAStackUnitWhileTheAckIsHandledStaysFiled)
+{
+    fileRequest(client);
+    DhcpSnoopElement *ack = element(DHCP_SNOOP_TYPE_ACK, kClientIp, server, kXid, kVlan, kClientMac, 3600);
+    // The removed element is the pool's next: the unit's add takes it again,
+    // for a binding restored from a file (type 0).
+    const Ip otherIp = {192, 168, 1, 7};
+    DhcpSnoopElement other = keyOf(otherIp);
+    other.up = sim::physicalPort(1, 9);
+    other.ttl = 500;
+    DhcpSnoopElement gone = keyOf(kClientIp);
+    sim::onCall("stkUsoRuntimeDataSync", [&] {
+        handleRuntimeRecord(DHCP_SNOOP_SYNC_DELETE, gone);
+        handleRuntimeRecord(DHCP_SNOOP_SYNC_ADD, other);
+    });
+    EXPECT_EQ(manage(ack, fb::ack(params())), 0u);
+    EXPECT_EQ(find(DHCP_SNOOP_ELEMENT_DYNAMIC), nullptr);
+    DhcpSnoopElement *kept = find(DHCP_SNOOP_ELEMENT_DYNAMIC, otherIp);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->up, other.up);
+    EXPECT_EQ(kept->ttl, 500u);
+    EXPECT_EQ(mallocCounter, 1u);
+    EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE - 1u);
+    // The ACK went out as received, not with the fields of the reused element.
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_EQ(sim::sent()[0].frame, fb::ack(params()).build());
 }
 
 }  // namespace

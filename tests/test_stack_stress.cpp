@@ -8,6 +8,7 @@
 
 #include "snooping/dhcpSnoopWire.h"
 #include "support/fixture.h"
+#include "support/frame_builder.h"
 
 namespace {
 
@@ -170,6 +171,81 @@ TEST_F(StackStressTest, CallbacksRaceTheMainTask)
     expectConsistent(DHCP_SNOOP_ELEMENT_REQUEST);
     EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 0u);
     // The tear-down checks that every element is either filed or free.
+}
+
+
+// The policy files an ACK's element while the other units' runtime records
+// remove (and re-add) the very same bindings: the element must be given back
+// exactly once, by whoever unlinked it, and the policy must not read it once
+// the table has it.
+TEST_F(StackStressTest, RuntimeDeletesRaceAcks)
+{
+    constexpr uint32_t kClients = 12;
+    constexpr uint32_t kLeases = 1500;
+    constexpr uint16_t kVlan = 10;
+    const up client = sim::physicalPort(1, 3);
+    const up server = sim::physicalPort(1, 24);
+    sim::setUnit(1);
+    sim::portCfg(server).trust = 1;
+    sim::setVlanSnooping(kVlan, true);
+
+    auto paramsOf = [](uint32_t n, uint32_t xid) {
+        fb::Params p;
+        p.clientMac = {0x02, 0x00, 0x00, 0x00, 0x00, (uint8_t)n};
+        p.clientIp = fb::ip(10, 9, 0, (uint8_t)(n * 8 + 1));
+        p.xid = xid;
+        return p;
+    };
+    std::atomic<bool> stop{false};
+    std::atomic<uint32_t> deletes{0};
+    std::thread remover([&] {
+        std::mt19937 rng(11);
+        uint8_t rec[DHCP_SNOOP_RUNTIME_RECORD_SIZE];
+        while (!stop) {
+            fb::Params p = paramsOf(rng() % kClients, 0);
+            DhcpSnoopElement v;
+            memset(&v, 0, sizeof v);
+            v.clientIp[0] = (uint8_t)(p.clientIp >> 24);
+            v.clientIp[1] = (uint8_t)(p.clientIp >> 16);
+            v.clientIp[2] = (uint8_t)(p.clientIp >> 8);
+            v.clientIp[3] = (uint8_t)p.clientIp;
+            v.vlan = kVlan;
+            memcpy(v.clientMac, p.clientMac.data(), 6);
+            v.up = sim::physicalPort(1, 5);
+            v.ttl = 100;
+            // Mostly deletes; now and then an add that takes the element a
+            // delete has just given back.
+            bool add = rng() % 4 == 0;
+            dhcpSnoopRuntimeRecordEncode(add ? DHCP_SNOOP_SYNC_ADD : DHCP_SNOOP_SYNC_DELETE, &v, rec);
+            UsoData d{rec, sizeof rec};
+            (void)dhcpSnoopRuntimeDataHnd(&d);
+            deletes++;
+            std::this_thread::yield();
+        }
+    });
+
+    std::mt19937 rng(5);
+    for (uint32_t i = 0; i < kLeases; i++) {
+        fb::Params p = paramsOf(rng() % kClients, 0x1000 + i);
+        ASSERT_EQ(simrun::inject(client, kVlan, fb::request(p).build()), 0u);
+        simrun::pumpMain();
+        ASSERT_EQ(simrun::inject(server, kVlan, fb::ack(p).build()), 0u);
+        simrun::pumpMain();
+        simrun::pumpFdb();
+        if (i % 64 == 0) {
+            sim::clearSent();
+            sim::clearRuntimeRecords();
+        }
+    }
+    stop = true;
+    remover.join();
+    simrun::runUntilIdle();
+
+    EXPECT_GT(deletes.load(), 0u);
+    expectConsistent(DHCP_SNOOP_ELEMENT_DYNAMIC);
+    expectConsistent(DHCP_SNOOP_ELEMENT_REQUEST);
+    // The tear-down checks that every element is either filed or free, and
+    // every frame went back to the packet pool once.
 }
 
 }  // namespace

@@ -16,6 +16,14 @@ extern "C" {
 #define DHCP_SNOOP_OP82_BUF 522u
 #define DHCP_SNOOP_OPT_RELAY_AGENT 82u
 #define DHCP_SNOOP_OPT_END 255u
+#define DHCP_SNOOP_OPT_OVERLOAD 52u
+#define DHCP_SNOOP_OPT_PAD 0u
+/* BOOTP header: the fields option 52 can hand over to options. */
+#define DHCP_SNOOP_BOOTP_SNAME 44u
+#define DHCP_SNOOP_BOOTP_SNAME_LEN 64u
+#define DHCP_SNOOP_BOOTP_FILE 108u
+#define DHCP_SNOOP_BOOTP_FILE_LEN 128u
+#define DHCP_SNOOP_BOOTP_FIXED_LEN 236u
 /* Message types whose bit is set: replies of a server, requests of a client. */
 #define DHCP_SNOOP_OP82_SERVER_MASK 0x464u
 #define DHCP_SNOOP_OP82_CLIENT_MASK 0x39au
@@ -473,6 +481,18 @@ static uint32_t dhcpSnoopOp82FrameFits(const DhcpSnoopPacket *pkt, const DhcpSno
     return 1;
 }
 
+/* Both checksums of the frame rebuilt in sNewData. */
+static void dhcpSnoopOp82Checksums(void)
+{
+    uint8_t *ip = sNewData + ipHeaderPos;
+    uint8_t *udp = sNewData + udpHeaderPos;
+
+    dhcpSnoopPut16(ip + 10, 0);
+    dhcpSnoopPut16(udp + 6, 0);
+    dhcpSnoopPut16(ip + 10, dhcpSnoopIpChecksum(ip));
+    dhcpSnoopPut16(udp + 6, dhcpSnoopUdpChecksum(ip));
+}
+
 /* Assembles frame[0, at) + op + frame[at + oldLen, endOptPos) + END into
  * sNewData and zeroes the rest up to newLen, so that nothing of this frame
  * or of an earlier one is left behind the new END. The options behind the
@@ -505,10 +525,7 @@ static void dhcpSnoopOp82Rebuild(const DhcpSnoopPacket *pkt, const DhcpSnoopElem
     if (ipHeaderPos == DHCP_SNOOP_SNAP_IP_POS)
         dhcpSnoopPut16(sNewData + 12, newLen - DHCP_SNOOP_ETH_HEADER_LEN);
 
-    dhcpSnoopPut16(ip + 10, 0);
-    dhcpSnoopPut16(udp + 6, 0);
-    dhcpSnoopPut16(ip + 10, dhcpSnoopIpChecksum(ip));
-    dhcpSnoopPut16(udp + 6, dhcpSnoopUdpChecksum(ip));
+    dhcpSnoopOp82Checksums();
 }
 
 /* 0: sNewData holds the frame with option 82 added; otherwise the frame
@@ -570,22 +587,124 @@ static uint32_t dhcpSnoopOp82Replace(DhcpSnoopPacket *pkt, DhcpSnoopElement *ele
     return DHCP_SNOOP_OK;
 }
 
+/* Walks the options area of the received frame (cookie to END, as the
+ * parser walks it) and reports the fields that option 52 hands over to
+ * options (bit 1: file, bit 2: sname) and the frame offset of the last
+ * option 82 of this area (0: none), which is where the parser's opt82Pos
+ * points unless an option 82 inside file or sname came later. 0 when the
+ * walk does not land on END, or when the BOOTP header is not where the
+ * options say: then neither is known. Call only for a frame
+ * dhcpSnoopOp82FrameFits accepts. */
+static uint32_t dhcpSnoopOp82Scan(const uint8_t *frame, const DhcpSnoopElement *ele, uint32_t *overload,
+                                  uint32_t *op82At)
+{
+    uint32_t off = optionsPos + 4u;
+    uint32_t len;
+    uint32_t which;
+
+    *overload = 0;
+    *op82At = 0;
+    if (dhcpHeaderPos + DHCP_SNOOP_BOOTP_FIXED_LEN != optionsPos)
+        return 0;
+    while (off < ele->endOptPos) {
+        if (frame[off] == DHCP_SNOOP_OPT_END || ele->endOptPos - off < 2u)
+            return 0;
+        len = frame[off + 1];
+        if (frame[off] == DHCP_SNOOP_OPT_RELAY_AGENT)
+            *op82At = off;
+        /* The value byte is read whatever the length byte says, as the
+         * parser does. */
+        if (frame[off] == DHCP_SNOOP_OPT_OVERLOAD && ele->endOptPos - off > 2u) {
+            which = frame[off + 2];
+            if (which >= 1u && which <= 3u)
+                *overload |= which;
+        }
+        off += len + 2u;
+    }
+    return off == ele->endOptPos;
+}
+
+/* Cuts every option 82 out of one overloaded field (file or sname) of the
+ * frame in sNewData: the options behind it move up and the field is zero
+ * padded to its end. The field is walked as the client will read it, a pad
+ * being one byte. Returns how many were cut, or -1 when one cannot be cut
+ * out whole (its length runs past the field). */
+static int32_t dhcpSnoopOp82CutField(uint8_t *area, uint32_t size)
+{
+    uint32_t off = 0;
+    uint32_t len;
+    int32_t cut = 0;
+
+    while (off < size && area[off] != DHCP_SNOOP_OPT_END) {
+        if (area[off] == DHCP_SNOOP_OPT_PAD) {
+            off++;
+            continue;
+        }
+        if (size - off < 2u)
+            return area[off] == DHCP_SNOOP_OPT_RELAY_AGENT ? -1 : cut;
+        len = area[off + 1];
+        if (area[off] != DHCP_SNOOP_OPT_RELAY_AGENT) {
+            off += len + 2u;
+            continue;
+        }
+        if (len + 2u > size - off)
+            return -1;
+        memmove(area + off, area + off + len + 2u, size - off - len - 2u);
+        memset(area + size - len - 2u, 0, len + 2u);
+        cut++;
+    }
+    return cut;
+}
+
 /* 0: sNewData holds the frame without option 82; otherwise the frame is
  * dropped: a server's reply must not reach the client with the relay
- * information it carries. */
+ * information it carries. The option is cut where the parser saw it: from
+ * the options area, and from the file and sname fields when option 52 hands
+ * them over to options. The parser's opt82Pos does not point into those
+ * fields, so the frame is walked again rather than trusted. Same length
+ * either way: the freed bytes become zero padding. */
 static uint32_t dhcpSnoopOp82Remove(DhcpSnoopPacket *pkt, DhcpSnoopElement *ele, uint8_t *buf, uint32_t *newLen)
 {
+    DhcpSnoopElement at;
+    uint32_t overload = 0;
+    uint32_t op82At = 0;
+    uint32_t inOptions;
+    uint32_t scanned;
+    int32_t cut = 0;
+    int32_t n;
+
     if (pkt->frame == NULL || buf == NULL || pkt->frame == buf)
         return DHCP_SNOOP_E_PARAM;
-    if (!dhcpSnoopOp82FrameFits(pkt, ele, 1)) {
+    scanned = dhcpSnoopOp82FrameFits(pkt, ele, 0) && dhcpSnoopOp82Scan(pkt->frame, ele, &overload, &op82At);
+    memcpy(&at, ele, sizeof(at));
+    at.opt82Pos = op82At;
+    inOptions = scanned && op82At != 0 && dhcpSnoopOp82FrameFits(pkt, &at, 1);
+    if (inOptions)
+        dhcpSnoopOp82Rebuild(pkt, &at, op82At, pkt->frame[op82At + 1] + 2u, NULL, 0, pkt->frameLen);
+    else if (scanned && overload != 0)
+        memcpy(buf, pkt->frame, pkt->frameLen);
+    if (scanned && (overload & 1u) != 0) {
+        n = dhcpSnoopOp82CutField(buf + dhcpHeaderPos + DHCP_SNOOP_BOOTP_FILE, DHCP_SNOOP_BOOTP_FILE_LEN);
+        cut = n < 0 ? -1 : cut + n;
+    }
+    if (scanned && (overload & 2u) != 0 && cut >= 0) {
+        n = dhcpSnoopOp82CutField(buf + dhcpHeaderPos + DHCP_SNOOP_BOOTP_SNAME, DHCP_SNOOP_BOOTP_SNAME_LEN);
+        cut = n < 0 ? -1 : cut + n;
+    }
+    if (cut < 0) {
+        DHCP_SNOOP_ERROR("Option 82 in the file or sname field of the DHCP packet runs past the field, "
+                         "the DHCP packet is dropped.");
+        return DHCP_SNOOP_E_PARAM;
+    }
+    if (!inOptions && cut == 0) {
         DHCP_SNOOP_ERROR("Option offsets or lengths of the DHCP packet point outside it, "
                          "the DHCP packet is dropped. opt82Pos:%u, endOptPos:%u, length:%u",
                          ele->opt82Pos, ele->endOptPos, pkt->frameLen);
         return DHCP_SNOOP_E_PARAM;
     }
-    /* Same length: the freed bytes become zero padding behind END. */
+    if (cut != 0)
+        dhcpSnoopOp82Checksums();
     *newLen = pkt->frameLen;
-    dhcpSnoopOp82Rebuild(pkt, ele, ele->opt82Pos, pkt->frame[ele->opt82Pos + 1] + 2u, NULL, 0, *newLen);
     return DHCP_SNOOP_OK;
 }
 

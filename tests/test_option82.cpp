@@ -818,12 +818,14 @@ TEST_F(Option82Test, Option82LengthPastTheEndIsNotReplacedAndNotRemoved)
     EXPECT_TRUE(sim::hasMessage("E - 1 call dhcpSnoopOp82Remove(pkt, ele, sNewData, &newLen) failed."));
 }
 
-TEST_F(Option82Test, Option82PositionsOutsideTheOptionsAreRefused)
+TEST_F(Option82Test, Option82PositionsOutsideTheOptionsAreNotTrusted)
 {
     fb::RelayAgentInfo old;
     old.circuitId({1});
     // Inside file (as the parser records an overloaded one), on a byte that
-    // is not 82, past END, past the frame.
+    // is not 82, past END, past the frame. A client frame is sent as it is;
+    // from a server frame the option 82 of its options area is cut all the
+    // same (file is no options area here: no option 52).
     op82(kPort5, 1, DHCP_SNOOP_OP82_POLICY_REPLACE);
     for (int which = 0; which < 5; which++) {
         SCOPED_TRACE(which);
@@ -843,8 +845,10 @@ TEST_F(Option82Test, Option82PositionsOutsideTheOptionsAreRefused)
         load(s, kPort5, 10);
         const uint32_t spos[] = {dhcpHeaderPos + 108, ele.opt82Pos + 1, ele.endOptPos + 1, 60000, 0xFFFFFFFEu};
         ele.opt82Pos = spos[which];
-        EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 1u);
-        EXPECT_TRUE(sim::sent().empty());
+        EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+        fb::Frame want = fb::ack();
+        want.file({82, 3, 1, 1, 7});
+        expectSentFrame(want.padTo(bootpLen(bytes)).build());
     }
 }
 
@@ -994,6 +998,159 @@ TEST_F(Option82Test, RebuiltIpv4HeaderChecksumFoldsOnce)
     fb::set16(expected, 24, 0xFFFF);            // the module folds once
     EXPECT_TRUE(sameFrame(sim::sent()[0].frame, expected));
     EXPECT_TRUE(fb::udpChecksumValid(sim::sent()[0].frame, 14, false));
+}
+
+
+// ---- option 82 inside file or sname (option 52) ---------------------------------------------
+// The parser records such an option at a position counted from the options
+// area, which does not point at it. A server's reply still must not carry
+// the relay information to the client, nor be lost.
+
+class Option82OverloadTest : public Option82Test {
+protected:
+    // Loads the frame and lets the parser fill the element, as the pipeline
+    // does.
+    void parse(const fb::Frame &f)
+    {
+        load(f, kPort5, 10);
+        std::memset(&ele, 0, sizeof ele);
+        ele.endOptPos = (uint32_t)(fb::udpLength(bytes) - 248);
+        ASSERT_EQ(dhcpSnoopDhcpParser(&pkt, options, 0, &ele), 0);
+    }
+
+    static fb::Bytes fieldOf(const fb::Options &o) { return o.encode(); }
+
+    fb::RelayAgentInfo relay = vlanPort(10, 1, 9, {1, 2, 3, 4, 5, 6});
+    fb::Bytes bootFile = fb::bytes("boot/pxelinux.0");
+};
+
+TEST_F(Option82OverloadTest, ServerReplyWithOption82InFileHasItCut)
+{
+    op82(kPort5, 1);
+    fb::Options inFile;
+    inFile.option(67, bootFile).relayAgent(relay).option(66, fb::bytes("tftp")).end();
+    fb::Frame in = fb::ack().overload(fb::kOverloadFile).file(fieldOf(inFile));
+    parse(in);
+    // Counted from the options area, as the parser keeps it.
+    EXPECT_EQ(ele.opt82Pos, optionsPos + 4u + 2u + (uint32_t)bootFile.size());
+    sim::setDebugFlag(1);
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+
+    fb::Options outFile;
+    outFile.option(67, bootFile).option(66, fb::bytes("tftp")).end();
+    expectSentFrame(fb::ack().overload(fb::kOverloadFile).file(fieldOf(outFile)).build());
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_FALSE(fb::findOption(sim::sent()[0].frame, fb::kOptRelayAgent, true).has_value());
+    EXPECT_TRUE(sim::hasMessage("Remove the option 82 of the DHCP packet."));
+    expectDescriptorRestored(bytes.size());
+}
+
+TEST_F(Option82OverloadTest, ServerReplyWithOption82InSnameHasItCut)
+{
+    op82(kPort5, 1);
+    fb::Options inSname;
+    inSname.relayAgent(relay).end();
+    parse(fb::offer().overload(fb::kOverloadSname).sname(fieldOf(inSname)));
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+    fb::Options outSname;
+    outSname.end();
+    expectSentFrame(fb::offer().overload(fb::kOverloadSname).sname(fieldOf(outSname)).build());
+}
+
+TEST_F(Option82OverloadTest, EveryOption82OfTheReplyIsCutFromOptionsFileAndSname)
+{
+    op82(kPort5, 1);
+    fb::Options inFile;
+    inFile.relayAgent(relay).option(67, bootFile).relayAgent(relay);  // fills to no END
+    // Pad bytes are one byte each for the client (the parser takes a pad
+    // with a length byte and would not see this one).
+    fb::Options inSname;
+    inSname.pad(3).relayAgent(relay).end();
+    // The options area's own option 82 stands before option 52: the parser's
+    // position ends up inside file, the one of the options area is cut all
+    // the same.
+    fb::Frame in = fb::ack();
+    in.clearOptions().messageType(fb::kAck).relayAgent(relay).overload(fb::kOverloadBoth);
+    in.serverId(fb::Params().serverIp).leaseTime(3600);
+    in.file(fieldOf(inFile)).sname(fieldOf(inSname));
+    parse(in);
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+
+    fb::Frame want = fb::ack();
+    want.clearOptions().messageType(fb::kAck).overload(fb::kOverloadBoth);
+    want.serverId(fb::Params().serverIp).leaseTime(3600);
+    fb::Options outFile;
+    outFile.option(67, bootFile);
+    fb::Options outSname;
+    outSname.pad(3).end();
+    want.file(fieldOf(outFile)).sname(fieldOf(outSname));
+    expectSentFrame(want.padTo(bootpLen(bytes)).build());
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_FALSE(fb::findOption(sim::sent()[0].frame, fb::kOptRelayAgent, true).has_value());
+}
+
+TEST_F(Option82OverloadTest, Option82RunningPastItsFieldDropsTheReply)
+{
+    // The parser does not record an option that runs past its field; the
+    // one of the options area makes the reply one whose relay information
+    // is to be cut, and this one cannot be.
+    op82(kPort5, 1);
+    fb::Options inSname;
+    inSname.option(12, fb::Bytes(58, 'h')).optionWithLength(fb::kOptRelayAgent, 20, {1, 2});
+    parse(fb::ack().relayAgent(relay).overload(fb::kOverloadSname).sname(fieldOf(inSname)));
+    ASSERT_NE(ele.opt82Pos, 0u);
+    sim::setDebugFlag(1);
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 1u);
+    EXPECT_TRUE(sim::sent().empty());
+    EXPECT_TRUE(sim::hasMessage("Option 82 in the file or sname field of the DHCP packet runs past the field, "
+                                "the DHCP packet is dropped."));
+    EXPECT_TRUE(sim::hasMessage("E - 1 call dhcpSnoopOp82Remove(pkt, ele, sNewData, &newLen) failed."));
+}
+
+TEST_F(Option82OverloadTest, Option82InAFieldOption52DoesNotNameIsNoOptionAndIsSentUnchanged)
+{
+    // file carries 82 but option 52 names sname only: file is no options
+    // area for the client either. The parser saw no option 82 at all.
+    op82(kPort5, 1);
+    fb::Options inFile;
+    inFile.relayAgent(relay).end();
+    fb::Options inSname;
+    inSname.end();
+    parse(fb::ack().overload(fb::kOverloadSname).file(fieldOf(inFile)).sname(fieldOf(inSname)));
+    EXPECT_EQ(ele.opt82Pos, 0u);
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+    expectSentUnchanged();
+}
+
+TEST_F(Option82OverloadTest, WithOption82OffTheReplyIsSentUnchanged)
+{
+    op82(kPort5, 0);
+    fb::Options inFile;
+    inFile.relayAgent(relay).end();
+    parse(fb::ack().overload(fb::kOverloadFile).file(fieldOf(inFile)));
+    EXPECT_EQ(dhcpSnoopPacketForward(&pkt, &ele), 0u);
+    expectSentUnchanged();
+}
+
+
+TEST_F(Option82OverloadTest, ThroughThePipelineTheClientGetsTheReplyWithoutRelayInformation)
+{
+    const up client = sim::physicalPort(1, 3);
+    const up server = sim::physicalPort(1, 24);
+    sim::portCfg(server).trust = 1;
+    op82(server, 1);
+    sim::setVlanSnooping(10, true);
+    fb::Options inFile;
+    inFile.relayAgent(relay).option(67, bootFile).end();
+    fb::Options outFile;
+    outFile.option(67, bootFile).end();
+
+    ASSERT_EQ(simrun::receive(client, 10, fb::request().build()), 0u);
+    sim::clearSent();
+    ASSERT_EQ(simrun::receive(server, 10, fb::ack().overload(fb::kOverloadFile).file(fieldOf(inFile)).build()), 0u);
+    ASSERT_EQ(sim::sent().size(), 1u);
+    EXPECT_TRUE(sameFrame(sim::sent()[0].frame, fb::ack().overload(fb::kOverloadFile).file(fieldOf(outFile)).build()));
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
 }
 
 }  // namespace

@@ -167,6 +167,7 @@ struct State {
     size_t badReleases = 0;
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
+    size_t fromIndexCalls = 0;
     std::vector<sim::SentPacket> sent;
 
     // forwarding database
@@ -790,6 +791,7 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
         return 1;
     State& s = st();
     Guard g(s.lock);
+    ++s.fromIndexCalls;
     // flag 0: a port index counted from 1 (the rate limits' numbering).
     if (flag == 0) {
         if (index == 0) {
@@ -1297,6 +1299,7 @@ void reset()
     s.badReleases = 0;
     s.releaseCount = 0;
     s.usUp2StrCalls = 0;
+    s.fromIndexCalls = 0;
     s.sent.clear();
 
     s.fdb.clear();
@@ -1382,6 +1385,13 @@ std::string portName(up port)
     State& s = st();
     Guard g(s.lock);
     return nameOf(s, port);
+}
+
+size_t fromIndexCalls()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.fromIndexCalls;
 }
 
 size_t usUp2StrCalls()

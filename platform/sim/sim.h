@@ -46,6 +46,7 @@ up physicalPort(uint32_t unit, uint32_t port);    // UP_MAKE(1, unit, 0, port)
 up portChannel(uint32_t number);                  // UP_MAKE(2, 0, 0, number)
 std::string portName(up port);                    // what usUp2Str writes
 size_t usUp2StrCalls();                           // usUp2Str calls since reset()
+size_t fromIndexCalls();                          // inner_up_from_index calls since reset()
 PortList portListOf(up port);                     // the port's bit, by the PortList rules
 std::vector<up> portsIn(const PortList& list);    // the ports whose bits are set
 

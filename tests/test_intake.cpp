@@ -546,6 +546,78 @@ up referenceReceivePort(const PortList& list, up previous)
     return found;
 }
 
+
+// ---- rate limit, policy failure, switch MAC, lease line ---------------------------------
+
+TEST_F(PipelineTest, FrameOverTheRateIsDroppedWithTheOverflowLineAndTheLimitsResult)
+{
+    sim::portCfg(port).limitRate = 1;
+    EXPECT_EQ(handle(fb::discover().build()), DHCP_SNOOP_OK);
+    EXPECT_FALSE(sim::hasMessage("Packet flow overflow\r\n"));
+    sim::clearLogs();
+    sim::clearSent();
+    EXPECT_EQ(handle(fb::discover().build()), DHCP_SNOOP_E_RATE_LIMIT);
+    EXPECT_EQ(sim::countMessage("Packet flow overflow\r\n"), 1u);
+    // Dropped before the parser, its element given back.
+    EXPECT_FALSE(sim::hasMessage("============ DHCP Parser ================\n"));
+    EXPECT_TRUE(sim::sent().empty());
+    EXPECT_EQ(mallocCounter, 0u);
+    // Any non-zero result of the limit drops: a port the limit cannot index.
+    sim::clearLogs();
+    EXPECT_EQ(handleFrom(fb::discover().build(), sim::physicalPort(1, 40)), DHCP_SNOOP_E_PARAM);
+    EXPECT_EQ(sim::countMessage("Packet flow overflow\r\n"), 1u);
+    EXPECT_TRUE(sim::sent().empty());
+}
+
+TEST_F(PipelineTest, PolicyFailureIsReportedWithItsCallText)
+{
+    // The parser reads the trust first; the policy's own read fails.
+    sim::failNext("swDhcpSnoopGetPortTrust", 42, 1, 1);
+    EXPECT_EQ(handle(fb::discover().build()), 42u);
+    bool found = false;
+    for (const sim::LogLine &l : sim::logs())
+        found |= l.error && l.message() == "E - 42 call dhcpSnoopTableManage(inputPacket, pElement) failed.";
+    EXPECT_TRUE(found);
+    EXPECT_TRUE(sim::sent().empty());
+    EXPECT_EQ(mallocCounter, 0u);
+}
+
+TEST_F(PipelineTest, WithoutTheSwitchMacEveryFrameGetsTheTransportChecks)
+{
+    // Addressed to the switch: the protocol and port checks are skipped ...
+    fb::Frame toSwitch = fb::requestRenewing().dstMac(sim::switchMac()).fragment(0x0800).dstPort(500);
+    expectAccepted(toSwitch.build());
+    EXPECT_TRUE(sim::hasMessage("switchMac:00:0e:5e:00:00:01"));
+    // ... unless the switch's MAC cannot be had: the frame then counts as
+    // addressed to another host, and the bad port is caught.
+    sim::clearLogs();
+    sim::failNext("getMacAddress", 9);
+    EXPECT_EQ(handle(toSwitch.build()), DHCP_SNOOP_E_PACKET);
+    bool found = false;
+    for (const sim::LogLine &l : sim::logs())
+        found |= l.error && l.message() == "E - 9 call DSLib.getMacAddress(switchMac) failed.";
+    EXPECT_TRUE(found);
+    EXPECT_TRUE(sim::hasMessage("switchMac:00:00:00:00:00:00"));
+    EXPECT_TRUE(sim::hasMessage("The DHCP packet with invalid UDP destination port."));
+    // Only the first one's request is filed.
+    EXPECT_EQ(mallocCounter, 1u);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 1u);
+}
+
+TEST_F(PipelineTest, LeaseOptionIsLoggedWithItsValue)
+{
+    fb::Params p;
+    p.lease = 86400;
+    sim::portCfg(port).trust = 1;
+    EXPECT_EQ(handle(fb::offer(p).build()), DHCP_SNOOP_OK);
+    EXPECT_EQ(sim::countMessage("ttl:86400"), 1u);
+    // Without option 51 there is no such line.
+    sim::clearLogs();
+    EXPECT_EQ(handle(fb::discover().build()), DHCP_SNOOP_OK);
+    for (const std::string &m : sim::messages())
+        EXPECT_NE(m.rfind("ttl:", 0), 0u) << m;
+}
+
 }  // namespace
 
 TEST_F(PipelineTest, ReceivePortWalkAgreesWithItsRulesOnAnyListAndStack)

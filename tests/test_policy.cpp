@@ -626,4 +626,103 @@ TEST_F(PolicyTest, ElementReusedByAStackUnitWhileTheAckIsHandledStaysFiled)
     EXPECT_EQ(sim::sent()[0].frame, fb::ack(params()).build());
 }
 
+
+// ---- failing request-table operations ---------------------------------------------------
+// The request found is gone by the time it is removed (here: removed from
+// within the removal's own status read), so the removal fails.
+
+void removeRequestAtTheNextStatusRead(DhcpSnoopElement *request, int skip)
+{
+    sim::onCall(
+        "swDhcpSnoopGetQAddStatus",
+        [request] { EXPECT_EQ(dhcpSnoopElementDelete(request, DHCP_SNOOP_ELEMENT_REQUEST), 0u); }, skip, 1);
+}
+
+TEST_F(PolicyTest, FailedRemovalOfTheOlderRequestIsAnErrorExit)
+{
+    sim::setDebugFlag(1);
+    DhcpSnoopElement *old = fileRequest(client, 0xAAAA0001);
+    removeRequestAtTheNextStatusRead(old, 0);
+    EXPECT_EQ(manage(element(DHCP_SNOOP_TYPE_REQUEST, kClientIp, client), fb::request(params())), 1u);
+    EXPECT_TRUE(hasErrorLine("E - 1 call dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST) failed."));
+    EXPECT_FALSE(sim::hasMessage("Forward the DHCP request packet."));
+    EXPECT_TRUE(sim::sent().empty());
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 0u);
+    expectElementReturned();
+}
+
+TEST_F(PolicyTest, FailedRemovalOfTheAnsweredRequestIsAnErrorExitAndKeepsTheBinding)
+{
+    sim::setDebugFlag(1);
+    DhcpSnoopElement *req = fileRequest(client);
+    // The ACK reads the status, the binding's add reads it, then the
+    // request's removal.
+    removeRequestAtTheNextStatusRead(req, 2);
+    DhcpSnoopElement *ack = element(DHCP_SNOOP_TYPE_ACK, kClientIp, server);
+    EXPECT_EQ(manage(ack, fb::ack(params())), 1u);
+    EXPECT_TRUE(hasErrorLine("E - 1 call dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST) failed."));
+    EXPECT_FALSE(sim::hasMessage("Forward the DHCP ack packet."));
+    EXPECT_TRUE(sim::sent().empty());
+    // Filed before the failure: it stays the table's.
+    EXPECT_EQ(find(DHCP_SNOOP_ELEMENT_DYNAMIC), ack);
+    EXPECT_EQ(mallocCounter, 1u);
+}
+
+TEST_F(PolicyTest, FailedRemovalOfTheRequestOnNakIsAnErrorExit)
+{
+    sim::setDebugFlag(1);
+    DhcpSnoopElement *req = fileRequest(client);
+    fileBinding(client);
+    removeRequestAtTheNextStatusRead(req, 0);
+    EXPECT_EQ(manage(element(DHCP_SNOOP_TYPE_NAK, kClientIp, server), fb::nak(params())), 1u);
+    EXPECT_TRUE(hasErrorLine("E - 1 call dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST) failed."));
+    EXPECT_FALSE(sim::hasMessage("Forward the DHCP nak packet."));
+    EXPECT_TRUE(sim::sent().empty());
+    // The binding is not reached.
+    EXPECT_NE(find(DHCP_SNOOP_ELEMENT_DYNAMIC), nullptr);
+    expectElementReturned();
+}
+
+TEST_F(PolicyTest, FailedFilingOfTheRequestIsAnErrorExit)
+{
+    sim::setDebugFlag(1);
+    // An element the pool never handed out cannot be filed.
+    DhcpSnoopElement *pooled = element(DHCP_SNOOP_TYPE_REQUEST, kClientIp, client);
+    DhcpSnoopElement stray = *pooled;
+    dhcpSnoopFreeMem(pooled);
+    EXPECT_EQ(manage(&stray, fb::request(params())), 1u);
+    EXPECT_TRUE(hasErrorLine("E - 1 call dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_REQUEST) failed."));
+    EXPECT_FALSE(sim::hasMessage("Forward the DHCP request packet."));
+    EXPECT_TRUE(sim::sent().empty());
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_REQUEST), 0u);
+    // Not given to the pool either: it never was the pool's.
+    EXPECT_EQ(mallocCounter, 0u);
+    EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE);
+}
+
+// ---- the DECLINE counter and the tick ------------------------------------------------------
+
+TEST_F(PolicyTest, TickInTheMiddleOfADeclineBurstStartsTheCountAfresh)
+{
+    sim::setDebugFlag(1);
+    sim::portCfg(client).decLimitRate = 2;
+    auto decline = [&] {
+        sim::clearLogs();
+        EXPECT_EQ(manage(element(DHCP_SNOOP_TYPE_DECLINE, kClientIp, client), fb::decline(params())), 0u);
+        return sim::hasMessage("Drop decline packet");
+    };
+    EXPECT_FALSE(decline());
+    EXPECT_FALSE(decline());
+    EXPECT_TRUE(decline());
+    DhcpSnoopMsg tick;
+    memset(&tick, 0, sizeof tick);
+    tick.type = DHCP_SNOOP_MSG_TIMER;
+    dhcpSnoopTaskHandleMsg(&tick);
+    // Counted from 1 again: two pass, the third is over.
+    EXPECT_FALSE(decline());
+    EXPECT_FALSE(decline());
+    EXPECT_TRUE(decline());
+    expectElementReturned();
+}
+
 }  // namespace

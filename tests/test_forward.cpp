@@ -635,4 +635,28 @@ TEST_F(FdbCacheTest, CacheFeedsTheEgressDecision)
     EXPECT_EQ(sim::fdbLookups().size(), lookups);
 }
 
+
+TEST_F(SendTest, PortLogWalkSkipsAUnitWhoseWordsAreAllZero)
+{
+    load(fb::discover(), sim::physicalPort(1, 3), 10);
+    debugLevel = DHCP_SNOOP_DEBUG_LEVEL_ENTRY;
+    sim::setDebugFlag(1);
+    // Only a port channel: unit 1's 64 indexes are passed over at once, so
+    // index 0, then 64 to 78.
+    size_t before = sim::fromIndexCalls();
+    EXPECT_EQ(dhcpSnoopPacketSend(&pkt, listOf({{3, 0}})), 0u);
+    EXPECT_EQ(sim::fromIndexCalls() - before, 16u);
+    EXPECT_EQ(sim::countMessage("Forward packet to port po1"), 1u);
+    EXPECT_EQ(sim::logs().size(), 1u);
+
+    // A port of the unit in the list: every index is walked.
+    sim::clearLogs();
+    before = sim::fromIndexCalls();
+    EXPECT_EQ(dhcpSnoopPacketSend(&pkt, listOf({{0, 5}, {3, 0}})), 0u);
+    EXPECT_EQ(sim::fromIndexCalls() - before, 79u);
+    EXPECT_EQ(sim::countMessage("Forward packet to port 1/0/5"), 1u);
+    EXPECT_EQ(sim::countMessage("Forward packet to port po1"), 1u);
+    EXPECT_EQ(sim::logs().size(), 2u);
+}
+
 }  // namespace

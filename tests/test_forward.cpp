@@ -657,6 +657,17 @@ TEST_F(SendTest, PortLogWalkSkipsAUnitWhoseWordsAreAllZero)
     EXPECT_EQ(sim::countMessage("Forward packet to port 1/0/5"), 1u);
     EXPECT_EQ(sim::countMessage("Forward packet to port po1"), 1u);
     EXPECT_EQ(sim::logs().size(), 2u);
+
+    // Each of the unit's three words counts: ports 32 and 64 sit in the
+    // second and the third.
+    sim::setPortCount(1, 64);
+    for (uint32_t port : {32u, 64u}) {
+        sim::clearLogs();
+        before = sim::fromIndexCalls();
+        EXPECT_EQ(dhcpSnoopPacketSend(&pkt, listOf({{port / 32, port % 32}})), 0u);
+        EXPECT_EQ(sim::fromIndexCalls() - before, 79u) << port;
+        EXPECT_EQ(sim::countMessage("Forward packet to port 1/0/" + std::to_string(port)), 1u);
+    }
 }
 
 }  // namespace

@@ -1080,4 +1080,123 @@ TEST_F(PersistTest, BindingsSurviveARestart)
     EXPECT_EQ(sim::syslog()[0].code, DHCP_SNOOP_LOG_LOAD_OK);
 }
 
+
+// ---- failures during the load, the save task's loop ------------------------------------------
+
+TEST_F(PersistTest, FailingInsertEndsTheLoadWithItsCode)
+{
+    startModule();
+    const std::string text = kHeader + goodLine(1, 1) + goodLine(2, 2) + goodLine(3, 3) + kEnd;
+    writeCfg(text);
+    // The second binding's source-guard entry cannot be made.
+    sim::failNext("swQTableAdd", 77, 1, 1);
+    sim::setDebugFlag(1);
+    EXPECT_EQ(load(), 77u);
+    EXPECT_TRUE(hasError("add dynamic entry fail!"));
+    // Filed before the failure, both stay; the third is not read.
+    EXPECT_NE(find(10, 0, 0, 1, {0x00, 0x11, 0x22, 0x33, 0x44, 0x01}, 1), nullptr);
+    EXPECT_NE(find(10, 0, 0, 2, {0x00, 0x11, 0x22, 0x33, 0x44, 0x02}, 1), nullptr);
+    EXPECT_EQ(find(10, 0, 0, 3, {0x00, 0x11, 0x22, 0x33, 0x44, 0x03}, 1), nullptr);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 2u);
+    EXPECT_EQ(readCfg(), text);
+}
+
+TEST_F(PersistTest, ErrorAfterALeftOutLineEndsTheLoadWithoutRewritingTheFile)
+{
+    sim::setUnits({1, 2});
+    startModule();
+    const std::string other = bindLine("0a.00.00.02", "00:11:22:33:44:02", "0001", "2/0/5", "00000e10", check(2));
+    const std::string bad = bindLine("0a.00.00.03", "00:11:22:33:44:03", "0001", "1/0/3", "00000e10", check(4));
+    const std::string text = kHeader + goodLine(1, 1) + other + bad + kEnd;
+    writeCfg(text);
+    sim::setDebugFlag(1);
+    EXPECT_EQ(load(), 1316u);
+    expectedHeldElements = 1;  // the left-out line's
+    EXPECT_TRUE(sim::hasMessage("update flash."));
+    EXPECT_TRUE(hasError("check sum error:" + std::to_string(30 + 67 * 4)));
+    EXPECT_FALSE(sim::hasMessage("Execute dhcpSnoopSaveDynEntryTask."));
+    EXPECT_EQ(readCfg(), text);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(saveRequests(), 0u);
+}
+
+TEST_F(PersistTest, LeaseColumnOfOtherThanEightCharactersEndsTheLoad)
+{
+    startModule();
+    // Nine and seven: the line keeps its 66 characters.
+    const std::string line = bindLine("0a.00.00.01", "00:11:22:33:44:01", "0001", "1/0/1", "000000e10", "0000061");
+    ASSERT_EQ(line.size(), 67u);
+    writeCfg(kHeader + line + kEnd);
+    sim::setDebugFlag(1);
+    EXPECT_EQ(load(), 1316u);
+    EXPECT_TRUE(hasError("len error len = 9"));
+    EXPECT_TRUE(sim::hasMessage("parse lease string fail."));
+    EXPECT_TRUE(hasError("Parse file error!"));
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 0u);
+}
+
+TEST_F(PersistTest, SaveTaskRetriesAFailedReceive)
+{
+    startModule();
+    ASSERT_NE(fileBinding(10, 0, 0, 1, kMacA, 1, sim::physicalPort(1, 1), 3600), nullptr);
+    PalMsgQ q = sim::queueByName(DHCP_SNOOP_SAVE_QUEUE_NAME);
+    ASSERT_EQ(sim::queueDepth(q), 1u);
+    ASSERT_FALSE(cfgExists());
+    sim::failNext("pal_msgQ_receive:" DHCP_SNOOP_SAVE_QUEUE_NAME, 0xFFFFFFFFu, 0, 2);
+    // The task body runs until it waits on an empty queue.
+    sim::onCall(
+        "pal_msgQ_receive:" DHCP_SNOOP_SAVE_QUEUE_NAME,
+        [q] {
+            if (sim::queueDepth(q) == 0)
+                throw sim::TaskStop{};
+        },
+        0, -1);
+    bool looping = false;
+    try {
+        dhcpSnoopSaveDynEntryTask(nullptr);
+    } catch (const sim::TaskStop&) {
+        looping = true;
+    }
+    sim::clearFailures();
+    EXPECT_TRUE(looping);
+    EXPECT_EQ(sim::lastReceiveWait(q), -1);
+    EXPECT_EQ(readCfg().size(), 35u + 67u);
+    EXPECT_EQ(upMsgCnt, 0u);
+}
+
+// Lines of ports that are no longer valid each keep the element taken for
+// them until the module starts again. The file is rewritten without them
+// at once, so the next start takes none: the cost is bounded by the lines
+// of one file and paid once.
+TEST_F(PersistTest, LeftOutLinesHoldTheirElementsOnlyUntilTheNextStart)
+{
+    startModule();
+    ASSERT_NE(fileBinding(10, 0, 0, 3, kMacA, 1, sim::physicalPort(1, 3), 3600), nullptr);
+    ASSERT_NE(fileBinding(10, 0, 0, 20, kMacB, 1, sim::physicalPort(1, 20), 3600), nullptr);
+    ASSERT_EQ(dhcpSnoopSaveDynEntryTaskStep(), 0u);
+
+    // Start again with port 20 gone.
+    auto restart = [this](uint32_t ports) {
+        dhcpSnoopResetState();
+        sim::reset();
+        sim::setFileRoot(tmpDir);
+        sim::setPortCount(1, ports);
+        sim::setDebugFlag(1);
+        ASSERT_EQ(dhcpSnoopInit(), 0u);
+        simrun::startTasks();
+    };
+    restart(8);
+    EXPECT_EQ(sim::countMessage("update flash."), 1u);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(mallocCounter, 2u);
+    EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE - 2u);
+    EXPECT_EQ(readCfg().size(), 35u + 67u);
+
+    restart(8);
+    EXPECT_EQ(sim::countMessage("update flash."), 0u);
+    EXPECT_EQ(tableCount(DHCP_SNOOP_ELEMENT_DYNAMIC), 1u);
+    EXPECT_EQ(mallocCounter, 1u);
+    EXPECT_EQ(freeListCount(), DHCP_SNOOP_POOL_SIZE - 1u);
+}
+
 }  // namespace

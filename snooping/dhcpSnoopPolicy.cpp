@@ -200,7 +200,7 @@ static uint32_t dhcpSnoopPolicyRequest(DhcpSnoopPacket *inputPacket, DhcpSnoopEl
     if (temp1 != NULL)
         DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementDelete(temp1, DHCP_SNOOP_ELEMENT_REQUEST));
     DHCP_SNOOP_POLICY_FILE(DHCP_SNOOP_ELEMENT_REQUEST,
-                               "dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_REQUEST)");
+                           "dhcpSnoopElementAddNew(tempElement, DHCP_SNOOP_ELEMENT_REQUEST)");
     DHCP_SNOOP_DEBUG("Forward the DHCP request packet.");
     DHCP_SNOOP_POLICY_TRY(dhcpSnoopPacketForward(inputPacket, tempElement));
     return dhcpSnoopPolicyEnd(tempElement);

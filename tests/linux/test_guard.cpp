@@ -243,7 +243,8 @@ TEST_F(Guard, AnArpProbePassesOnlyForTheSendersOwnBinding)
     rx("1/0/3", fb::arp(fb::kArpRequest, mac(2), 0, kLeased));
     rx("1/0/2", fb::arp(fb::kArpReply, mac(2), 0, kLeased));
     fb::Bytes other = fb::arp(fb::kArpRequest, mac(2), 0, kLeased);
-    fb::setBytes(other, 6, fb::Bytes(mac(7).begin(), mac(7).end()));
+    const fb::Mac seven = mac(7);
+    fb::setBytes(other, 6, fb::Bytes(seven.begin(), seven.end()));
     rx("1/0/2", other);
     EXPECT_TRUE(sent().empty());
     EXPECT_EQ(counters("1/0/2").sourceGuardDropped, 4u);
@@ -255,7 +256,8 @@ TEST_F(Guard, ArpWhoseSenderIsNotTheFramesSourceIsRefused)
     bringUp(kConfig);
     bind(kLeased, mac(2), 10, "1/0/2");
     fb::Bytes f = fb::arp(fb::kArpReply, mac(2), kLeased, fb::ip(198, 18, 0, 1));
-    fb::setBytes(f, 6, fb::Bytes(mac(7).begin(), mac(7).end()));
+    const fb::Mac seven = mac(7);
+    fb::setBytes(f, 6, fb::Bytes(seven.begin(), seven.end()));
     rx("1/0/2", f);
     EXPECT_TRUE(sent().empty());
     EXPECT_EQ(counters("1/0/2").sourceGuardDropped, 1u);

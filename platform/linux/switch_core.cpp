@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/common/port_index.h"
 #include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
 #include "snooping/dhcpSnoop.h"
@@ -45,8 +46,8 @@ namespace live {
 namespace core {
 namespace {
 
-constexpr uint32_t kPortsPerUnit = 64;
-constexpr uint32_t kMaxPortChannels = 15;
+constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
+constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 // The simulated switch's shape, kept so ports name the same indexes.
 constexpr uint32_t kDefaultPorts = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
@@ -217,32 +218,9 @@ uint32_t ipHash(const Core& c, const uint8_t* ip) { return (uint32_t)sipHash8(c.
 
 // ---- port list bits (the module's layout) ----
 
-bool portBit(::up h, uint32_t* word, uint32_t* bit)
-{
-    if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
-        uint32_t unit = UP_UNIT(h);
-        if (unit == 0)
-            return false;
-        uint32_t n = UP_SLOT(h) * kPortsPerUnit + UP_PORT(h);
-        *word = (unit - 1) * 3 + (n / 32) % 3;
-        *bit = n % 32;
-    } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
-        if (UP_PORT(h) == 0)
-            return false;
-        uint32_t m = UP_PORT(h) - 1;
-        *word = 3 + (m / 32) % 3;
-        *bit = m % 32;
-    } else {
-        return false;
-    }
-    return *word < 6;
-}
+bool portBit(::up h, uint32_t* word, uint32_t* bit) { return portindex::bit(h, word, bit); }
 
-bool inList(const PortList& l, ::up h)
-{
-    uint32_t w, b;
-    return portBit(h, &w, &b) && ((l.word[w] >> b) & 1u) != 0;
-}
+bool inList(const PortList& l, ::up h) { return portindex::inList(l.word, h); }
 
 // ---- FDB (under the lock) ----
 
@@ -1083,38 +1061,19 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
 {
     (void)func;
     (void)line;
-    if (!handle)
-        return 1;
-    if (flag == 0) {
-        if (index == 0) {
-            *handle = UP_INVALID;
-            return 0;
-        }
-        index -= 1;
-    }
     uint32_t unit = live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire));
-    uint32_t physical = unit * live::core::kPortsPerUnit;
-    if (index < physical)
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, index / live::core::kPortsPerUnit + 1, 0,
-                          index % live::core::kPortsPerUnit + 1);
-    else if (index - physical < live::core::kMaxPortChannels)
-        *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - physical + 1);
-    else
-        *handle = UP_INVALID;
-    return 0;
+    return portindex::fromIndex(handle, index, flag, unit);
 }
 
 uint32_t inner_up_is_valid(up handle)
 {
     uint32_t shape = live::core::gShape.load(std::memory_order_acquire);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        return UP_UNIT(handle) == live::core::shapeUnit(shape) && UP_SLOT(handle) == 0 &&
-                       UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapePorts(shape)
+        return UP_UNIT(handle) == live::core::shapeUnit(shape) &&
+                       portindex::validPhysical(handle, live::core::shapePorts(shape))
                    ? 1
                    : 0;
-    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapeChannels(shape) ? 1 : 0;
-    return 0;
+    return portindex::validChannel(handle, live::core::shapeChannels(shape)) ? 1 : 0;
 }
 
 uint32_t inner_up_is_provision(up handle)
@@ -1129,28 +1088,18 @@ uint32_t inner_up_unit_is_valid(uint32_t unit)
     return unit == live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire)) ? 1 : 0;
 }
 
-uint32_t inner_up_unitbase_get(uint32_t unit)
-{
-    return unit == 0 ? 0 : (unit - 1) * live::core::kPortsPerUnit;
-}
+uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
 
-uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slot * live::core::kPortsPerUnit; }
+uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return portindex::slotBase(slot); }
 
 uint32_t usUp2Str(up handle, char* text, uint32_t flag)
 {
     (void)flag;
     if (!text)
         return 1;
-    if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        snprintf(text, UP_STR_BUF, "%u/%u/%u", (unsigned)UP_UNIT(handle), (unsigned)UP_SLOT(handle),
-                 (unsigned)UP_PORT(handle));
-    else if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        snprintf(text, UP_STR_BUF, "po%u", (unsigned)UP_PORT(handle));
-    else
-        snprintf(text, UP_STR_BUF, "unknown");
+    portindex::text(handle, text);
     return 0;
 }
-
 
 uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 {
@@ -1360,9 +1309,12 @@ void dhcpReleasePacketPool(uint8_t* frame)
     live::PortCounters& pc = rp.counters;
     if (slot.delivered > 0) {
         ++pc.dhcpForwarded;
-        // The module sent it on: its source is where it came from, unless
-        // the port is guarded (a DHCP frame proves no address there).
-        if (slot.vid != 0 && !live::core::guardedPort(c, rp, slot.vid))
+        // The module sent it on: its source is where it came from. On a
+        // guarded port a DHCP frame proves no address: it teaches a new
+        // station (the reply then finds its client) but never moves a
+        // known one.
+        if (slot.vid != 0 && (!live::core::guardedPort(c, rp, slot.vid) ||
+                              live::core::fdbFind(c, frame + 6, slot.vid) == live::core::kNone))
             live::core::fdbLearn(c, frame + 6, slot.vid, slot.rxPort);
     } else {
         if (reason == "dropped" && slot.sends > 0)

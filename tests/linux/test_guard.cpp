@@ -324,6 +324,22 @@ TEST_F(Guard, ADhcpFrameTeachesNothingUntilTheModuleSendsItOn)
     EXPECT_EQ(fdbPort(mac(4), 10), "1/0/4");
 }
 
+TEST_F(Guard, ADhcpFrameSentOnFromAGuardedPortTeachesANewStationButMovesNone)
+{
+    bringUp(kConfig);
+    rx("1/0/1", plainIp(mac(1), kBroadcast, fb::ip(198, 18, 0, 1)));
+    DhcpSnoopMsg m;
+    for (uint8_t src : {2, 1}) {
+        rx("1/0/2", fb::discover().srcMac(mac(src)).build());
+        ASSERT_TRUE(takeMsg(m));
+        m.packet.sendFlags = SEND_FLAG_TX | SEND_FLAG_FLOOD;
+        ASSERT_EQ(norvikPacketSend(&m.packet), 0u);
+        dhcpReleasePacketPool(m.packet.frame);
+    }
+    EXPECT_EQ(fdbPort(mac(2), 10), "1/0/2") << "a new client: its OFFER goes to it alone";
+    EXPECT_EQ(fdbPort(mac(1), 10), "1/0/1") << "the server stays where it is";
+}
+
 TEST_F(Guard, OnePortCannotFillTheFdb)
 {
     bringUp(kConfig);

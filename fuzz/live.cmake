@@ -11,6 +11,8 @@ function(dhcpsnoop_fuzz_live)
   if(DHCPSNOOP_TESTS)
     add_executable(fuzz_live_replay ${dir}/fuzz_live.cpp ${dir}/replay_main.cpp)
     target_link_libraries(fuzz_live_replay PRIVATE dhcpsnoop_linux)
+    # Beside the other targets of this directory (the test command looks there).
+    set_target_properties(fuzz_live_replay PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
     # The files are named one by one: directory listings fail for 32-bit
     # guests under qemu on some host file systems.
     file(GLOB corpus CONFIGURE_DEPENDS ${dir}/corpus/live/*)
@@ -21,6 +23,7 @@ function(dhcpsnoop_fuzz_live)
     # Writes the seed corpus (run by hand) with the tests' frame builder.
     add_executable(fuzz_gen_live_corpus ${dir}/gen_live_corpus.cpp ${PROJECT_SOURCE_DIR}/tests/support/frame_builder.cpp)
     target_include_directories(fuzz_gen_live_corpus PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
+    set_target_properties(fuzz_gen_live_corpus PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
   endif()
   if(DHCPSNOOP_FUZZ AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     # The live platform and the shared platform helpers are compiled into the
@@ -35,6 +38,7 @@ function(dhcpsnoop_fuzz_live)
     endforeach()
     set(flags -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_executable(fuzz_live ${dir}/fuzz_live.cpp ${srcs})
+    set_target_properties(fuzz_live PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
     target_compile_options(fuzz_live PRIVATE ${flags})
     target_link_options(fuzz_live PRIVATE ${flags})
     find_package(Threads REQUIRED)

@@ -210,6 +210,29 @@ check "a TCP transfer between the client and the server arrives whole" tcp_trans
 check "no send failed on any port" no_send_failure
 echo "  info  counters: $(counters_json | tr -d '\n')"
 
+# Frames behind two tags from the client: the kernel takes the outer one
+# off into the packet's metadata, the daemon must still see the inner
+# frame. IPv4 from an address nobody leased behind [VLAN 0][VLAN 0] is
+# refused by the source guard; behind [VLAN 0][VLAN 20] (a hop into VLAN
+# 20) it is discarded.
+counter() {
+  python3 -c '
+import json, sys
+v = {c["port"]: c for c in json.load(sys.stdin)}[sys.argv[1]]
+for k in sys.argv[2:]:
+    v = v.get(k, 0)
+print(v)' "$@" <<<"$(counters_json)"
+}
+counter_at_least() { [ "$(counter "${@:2}")" -ge "$1" ]; }
+frames=(python3 "$(cd "$(dirname "$0")" && pwd)/dataplane_frames.py")
+sg_before=$(counter 1/0/2 source_guard_dropped)
+in_ns "$ns_cli" "${frames[@]}" stacked eth0 "$mac_cli" 0,0 3
+check "IPv4 behind two priority tags is checked by the source guard (3 refused)" \
+  wait_for 5 counter_at_least $((sg_before + 3)) 1/0/2 source_guard_dropped
+in_ns "$ns_cli" "${frames[@]}" stacked eth0 "$mac_cli" 0,20 3
+check "a frame hopping into VLAN 20 behind a priority tag is discarded (3)" \
+  wait_for 5 counter_at_least 3 1/0/2 discarded "stacked VLAN tags"
+
 # The client's interface goes (deleted with its peer) and comes back under
 # the same name: the port reopens on it by itself.
 ip -n "$ns_sw" link del sw2

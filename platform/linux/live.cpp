@@ -177,16 +177,21 @@ void receiveLoop(size_t port, std::string name)
     std::vector<uint8_t> buf(core::kMaxFrame);
     alignas(struct cmsghdr) uint8_t control[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
     int idle = 0;
+    bool gone = false;  // closed here because its interface went
     while (!p.stopping.load()) {
         // Only this thread changes the port's socket: no lock to read it.
         int fd = ps.fd;
+        if (fd < 0 && !gone)
+            return;
         if (fd < 0) {
             usleep(200 * 1000);
-            if (!p.stopping.load() && reopenPort(ps))
+            if (!p.stopping.load() && reopenPort(ps)) {
+                gone = false;
                 logging::platformEvent(logging::kEventPortReopened,
                                        "interface " + ps.interface + " of port " + ps.name +
                                            " is back: port reopened",
                                        false);
+            }
             continue;
         }
         struct pollfd pfd = {fd, POLLIN, 0};
@@ -203,6 +208,7 @@ void receiveLoop(size_t port, std::string name)
             idle = 0;
             if (interfaceGone(ps)) {
                 closePort(ps);
+                gone = true;
                 logging::platformEvent(logging::kEventPortGone,
                                        "interface " + ps.interface + " of port " + ps.name +
                                            " is gone: the port is closed until it is back",

@@ -2,6 +2,9 @@
 // as it can be. See count_platform.h.
 #include "bench/count_platform.h"
 
+#include "platform/common/port_index.h"
+#include "platform/common/port_text.h"
+
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,7 +17,7 @@ namespace {
 
 constexpr uint32_t kPorts = 28;
 constexpr uint32_t kPortChannels = 8;
-constexpr uint32_t kPortsPerUnit = 64;
+constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
 
 struct Queue {
     std::string name;
@@ -87,13 +90,7 @@ PortList portListOf(up port)
 {
     PortList l;
     memset(&l, 0, sizeof l);
-    if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
-        uint32_t n = UP_SLOT(port) * kPortsPerUnit + UP_PORT(port);
-        l.word[(UP_UNIT(port) - 1) * 3 + (n / 32) % 3] |= 1u << (n % 32);
-    } else if (UP_KIND(port) == UP_TYPE_PORT_CHANNEL) {
-        uint32_t m = UP_PORT(port) - 1;
-        l.word[3 + (m / 32) % 3] |= 1u << (m % 32);
-    }
+    portindex::addToList(l.word, port);
     return l;
 }
 
@@ -310,31 +307,14 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
 {
     (void)func;
     (void)line;
-    if (!handle)
-        return 1;
-    if (flag == 0) {
-        if (index == 0) {
-            *handle = UP_INVALID;
-            return 0;
-        }
-        index -= 1;
-    }
-    if (index < kPortsPerUnit)
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, 1, 0, index + 1);
-    else if (index - kPortsPerUnit < kPortChannels)
-        *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - kPortsPerUnit + 1);
-    else
-        *handle = UP_INVALID;
-    return 0;
+    return portindex::fromIndex(handle, index, flag, 1);
 }
 
 uint32_t inner_up_is_valid(up handle)
 {
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        return UP_UNIT(handle) == 1 && UP_SLOT(handle) == 0 && UP_PORT(handle) >= 1 && UP_PORT(handle) <= kPorts;
-    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= kPortChannels;
-    return 0;
+        return UP_UNIT(handle) == 1 && portindex::validPhysical(handle, kPorts);
+    return portindex::validChannel(handle, kPortChannels);
 }
 
 uint32_t inner_up_is_provision(up handle)
@@ -344,19 +324,15 @@ uint32_t inner_up_is_provision(up handle)
 }
 
 uint32_t inner_up_unit_is_valid(uint32_t unit) { return unit == 1; }
-uint32_t inner_up_unitbase_get(uint32_t unit) { return unit == 0 ? 0 : (unit - 1) * kPortsPerUnit; }
-uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slot * kPortsPerUnit; }
+uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
+uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return portindex::slotBase(slot); }
 
 uint32_t usUp2Str(up handle, char* text, uint32_t flag)
 {
     (void)flag;
     if (!text)
         return 1;
-    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        snprintf(text, UP_STR_BUF, "po%u", (unsigned)UP_PORT(handle));
-    else
-        snprintf(text, UP_STR_BUF, "%u/%u/%u", (unsigned)UP_UNIT(handle), (unsigned)UP_SLOT(handle),
-                 (unsigned)UP_PORT(handle));
+    portindex::text(handle, text);
     return 0;
 }
 
@@ -364,18 +340,9 @@ uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 {
     (void)unit;
     (void)flag;
-    unsigned a, b, c;
     if (!text || !handle)
         return 1;
-    if (sscanf(text, " po%u", &a) == 1) {
-        *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, a);
-        return 0;
-    }
-    if (sscanf(text, " %u/%u/%u", &a, &b, &c) == 3) {
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, a, b, c);
-        return 0;
-    }
-    return 1;
+    return porttext::parse(text, handle) ? 0 : 1;
 }
 
 // ---- snooping configuration ------------------------------------------------------

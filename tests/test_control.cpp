@@ -243,19 +243,25 @@ TEST(ControlAnswers, CountersJsonIsTheAgreedShape)
     a.sourceGuardDropped = 2;
     a.dropped["untrusted server message"] = 1;
     a.dropped["packet pool full"] = 5000000000ull;
+    a.discarded["stacked VLAN tags"] = 6;
+    a.txFailed["interface queue full"] = 7;
+    a.fdbNotLearned = 8;
     live::PortCounters b;
     b.name = "1/0/4";
     b.interface = "sw\"4";
     EXPECT_EQ(ctl::countersJson({a, b}),
               "[{\"port\":\"1/0/3\",\"interface\":\"sw3\",\"rx\":12,\"tx\":9,\"trapped\":4,\"dhcp_forwarded\":3,"
               "\"source_guard_dropped\":2,\"dropped\":{\"packet pool full\":5000000000,\"untrusted server "
-              "message\":1}},\n"
+              "message\":1},\"discarded\":{\"stacked VLAN tags\":6},\"tx_failed\":{\"interface queue full\":7},"
+              "\"fdb_not_learned\":8},\n"
               " {\"port\":\"1/0/4\",\"interface\":\"sw\\\"4\",\"rx\":0,\"tx\":0,\"trapped\":0,\"dhcp_forwarded\":0,"
-              "\"source_guard_dropped\":0,\"dropped\":{}}]\n");
+              "\"source_guard_dropped\":0,\"dropped\":{},\"discarded\":{},\"tx_failed\":{},\"fdb_not_learned\":0}]\n");
     std::string table = ctl::countersTable({a});
     EXPECT_NE(table.find("1/0/3        sw3"), std::string::npos) << table;
     EXPECT_NE(table.find("5000000001\n"), std::string::npos) << table;
     EXPECT_NE(table.find("    dropped: untrusted server message: 1\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("    discarded: stacked VLAN tags: 6\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("    send failed: interface queue full: 7\n"), std::string::npos) << table;
     EXPECT_EQ(ctl::countersTable({}), "No ports.\n");
 }
 

@@ -107,6 +107,7 @@ TEST(SwitchConfig, Defaults)
     EXPECT_TRUE(c.tableUpdates);
     EXPECT_FALSE(c.ipFilter);
     EXPECT_FALSE(c.arpDefend);
+    EXPECT_FALSE(c.dropIpv6);
     EXPECT_FALSE(c.debug);
     EXPECT_EQ(c.debugLevel, 0u);
     ASSERT_EQ(c.ports.size(), 1u);
@@ -120,6 +121,15 @@ TEST(SwitchConfig, Defaults)
     EXPECT_TRUE(p.circuitId.empty());
     EXPECT_TRUE(p.remoteId.empty());
     EXPECT_TRUE(p.tagged.empty());
+}
+
+TEST(SwitchConfig, DropIpv6IsASwitchOfItsOwn)
+{
+    EXPECT_TRUE(parseOk("[switch]\ndrop_ipv6 = true\n").dropIpv6);
+    swcfg::SwitchConfig c;
+    std::string error;
+    EXPECT_FALSE(swcfg::parseSwitchConfig("[switch]\ndrop_ipv6 = 1\n", "t.toml", c, error));
+    EXPECT_NE(error.find("drop_ipv6"), std::string::npos) << error;
 }
 
 TEST(SwitchConfig, EmptyFileIsASwitchWithoutPorts)

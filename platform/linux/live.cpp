@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
@@ -27,10 +28,35 @@
 namespace live {
 namespace {
 
+// The virtio header PACKET_VNET_HDR puts before every frame (the kernel's
+// <linux/virtio_net.h> does not compile as C++: a member is named "class").
+// Native byte order, as the kernel writes it for packet sockets.
+struct virtio_net_hdr {
+    uint8_t flags;
+    uint8_t gso_type;
+    uint16_t hdr_len;
+    uint16_t gso_size;
+    uint16_t csum_start;
+    uint16_t csum_offset;
+};
+static_assert(sizeof(virtio_net_hdr) == 10, "the kernel's virtio_net_hdr");
+constexpr uint8_t VIRTIO_NET_HDR_F_NEEDS_CSUM = 1;
+constexpr uint8_t VIRTIO_NET_HDR_GSO_NONE = 0;
+
+// One port's socket. Transmissions (any thread) share the lock; the receive
+// thread takes it alone to close or replace a socket whose interface went.
+struct PortSock {
+    std::shared_mutex lock;
+    int fd = -1;
+    int ifindex = 0;
+    std::string name;       // "1/0/3"
+    std::string interface;  // "" for a port of the configuration only
+};
+
 struct Ports {
     std::mutex lock;  // start, run, stop
     size_t count = 0;
-    std::unique_ptr<std::atomic<int>[]> fds;
+    std::unique_ptr<PortSock[]> socks;
     std::vector<std::thread> threads;
     std::atomic<bool> stopping{false};
     bool running = false;
@@ -45,23 +71,41 @@ Ports& ports()
 void closeAll(Ports& p)
 {
     for (size_t i = 0; i < p.count; ++i) {
-        int fd = p.fds[i].exchange(-1);
-        if (fd >= 0)
-            close(fd);
+        std::unique_lock<std::shared_mutex> g(p.socks[i].lock);
+        if (p.socks[i].fd >= 0)
+            close(p.socks[i].fd);
+        p.socks[i].fd = -1;
     }
 }
 
-void transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid)
+// Every frame goes out with the virtio header PACKET_VNET_HDR asks for: a
+// checksum the sender left to an offload is finished by the kernel or the
+// device, a super-frame is cut into segments where the device cannot.
+int transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid, const core::Offload* off)
 {
     Ports& p = ports();
     if (port >= p.count || len < 12)
-        return;
-    int fd = p.fds[port].load();
-    if (fd < 0)
-        return;
+        return EINVAL;
+    PortSock& ps = p.socks[port];
+    struct virtio_net_hdr vh;
+    memset(&vh, 0, sizeof vh);
+    if (off) {
+        uint16_t shift = tagVid >= 0 ? 4 : 0;
+        if (off->needsCsum) {
+            vh.flags = VIRTIO_NET_HDR_F_NEEDS_CSUM;
+            vh.csum_start = (uint16_t)(off->csumStart + shift);
+            vh.csum_offset = off->csumOffset;
+        }
+        vh.gso_type = off->gsoType;
+        if (off->gsoType != VIRTIO_NET_HDR_GSO_NONE) {
+            vh.gso_size = off->gsoSize;
+            vh.hdr_len = (uint16_t)(off->hdrLen + (off->hdrLen ? shift : 0));
+        }
+    }
     uint8_t tag[4] = {0x81, 0x00, (uint8_t)((tagVid >> 8) & 0x0F), (uint8_t)tagVid};
-    struct iovec iov[3];
+    struct iovec iov[4];
     size_t n = 0;
+    iov[n++] = {&vh, sizeof vh};
     if (tagVid >= 0) {
         iov[n++] = {const_cast<uint8_t*>(frame), 12};
         iov[n++] = {tag, sizeof tag};
@@ -73,74 +117,108 @@ void transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid)
     memset(&msg, 0, sizeof msg);
     msg.msg_iov = iov;
     msg.msg_iovlen = n;
+    std::shared_lock<std::shared_mutex> g(ps.lock);
+    if (ps.fd < 0)
+        return ps.interface.empty() ? ENOTCONN : EBADF;
     // A full interface drops the frame as a switch port's full queue would;
     // no task ever waits for an interface.
-    ssize_t w = sendmsg(fd, &msg, MSG_DONTWAIT);
-    (void)w;
+    ssize_t w = sendmsg(ps.fd, &msg, MSG_DONTWAIT);
+    if (w < 0)
+        return errno;
+    size_t want = sizeof vh + len + (tagVid >= 0 ? 4 : 0);
+    return (size_t)w == want ? 0 : EMSGSIZE;
 }
 
-uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
-
-// A frame handed over before its checksum was computed (a local sender with
-// checksum offload) gets its UDP or TCP checksum here: the next host checks it.
-void completeChecksum(uint8_t* f, size_t len)
-{
-    size_t ip = 14;
-    if (len >= 18 && rd16(f + 12) == 0x8100)
-        ip = 18;
-    if (len < ip + 20 || rd16(f + ip - 2) != 0x0800 || (f[ip] >> 4) != 4)
-        return;
-    size_t ihl = (size_t)(f[ip] & 0x0F) * 4;
-    size_t total = rd16(f + ip + 2);
-    if (ihl < 20 || total < ihl || ip + total > len || (rd16(f + ip + 6) & 0x3FFF) != 0)
-        return;
-    uint8_t proto = f[ip + 9];
-    size_t l4 = ip + ihl;
-    size_t l4len = total - ihl;
-    size_t csumAt;
-    if (proto == 17 && l4len >= 8)
-        csumAt = l4 + 6;
-    else if (proto == 6 && l4len >= 20)
-        csumAt = l4 + 16;
-    else
-        return;
-    f[csumAt] = 0;
-    f[csumAt + 1] = 0;
-    uint32_t sum = 0;
-    for (size_t i = 0; i < 8; i += 2)
-        sum += rd16(f + ip + 12 + i);
-    sum += proto;
-    sum += (uint32_t)l4len;
-    for (size_t i = 0; i + 1 < l4len; i += 2)
-        sum += rd16(f + l4 + i);
-    if (l4len & 1u)
-        sum += (uint32_t)f[l4 + l4len - 1] << 8;
-    while (sum >> 16)
-        sum = (sum & 0xFFFFu) + (sum >> 16);
-    uint16_t c = (uint16_t)~sum;
-    if (proto == 17 && c == 0)
-        c = 0xFFFF;
-    f[csumAt] = (uint8_t)(c >> 8);
-    f[csumAt + 1] = (uint8_t)c;
-}
+bool openPort(const std::string& name, const std::string& interface, int& fd, int& ifindex, uint8_t mac[6],
+              bool& haveMac, std::string& error);
 
 bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control, size_t controlLen);
+
+// True when the port's interface is no longer the one its socket is bound
+// to (deleted, or deleted and made again).
+bool interfaceGone(const PortSock& ps)
+{
+    unsigned idx = if_nametoindex(ps.interface.c_str());
+    return idx == 0 || (int)idx != ps.ifindex;
+}
+
+void closePort(PortSock& ps)
+{
+    std::unique_lock<std::shared_mutex> g(ps.lock);
+    if (ps.fd >= 0)
+        close(ps.fd);
+    ps.fd = -1;
+}
+
+// A port whose interface went waits for one of the same name and reopens
+// on it.
+bool reopenPort(PortSock& ps)
+{
+    if (if_nametoindex(ps.interface.c_str()) == 0)
+        return false;
+    int fd = -1, ifindex = 0;
+    uint8_t mac[6];
+    bool haveMac = true;  // the switch MAC stays what it was
+    std::string error;
+    if (!openPort(ps.name, ps.interface, fd, ifindex, mac, haveMac, error))
+        return false;
+    std::unique_lock<std::shared_mutex> g(ps.lock);
+    ps.fd = fd;
+    ps.ifindex = ifindex;
+    return true;
+}
 
 void receiveLoop(size_t port, std::string name)
 {
     runtime::nameThread(name.substr(0, 15).c_str());
     Ports& p = ports();
+    PortSock& ps = p.socks[port];
     // Sized once for the largest frame: receiving never allocates.
     std::vector<uint8_t> buf(core::kMaxFrame);
     alignas(struct cmsghdr) uint8_t control[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+    int idle = 0;
+    bool gone = false;  // closed here because its interface went
     while (!p.stopping.load()) {
-        int fd = p.fds[port].load();
-        if (fd < 0)
+        // Only this thread changes the port's socket: no lock to read it.
+        int fd = ps.fd;
+        if (fd < 0 && !gone)
             return;
+        if (fd < 0) {
+            usleep(200 * 1000);
+            if (!p.stopping.load() && reopenPort(ps)) {
+                gone = false;
+                logging::platformEvent(logging::kEventPortReopened,
+                                       "interface " + ps.interface + " of port " + ps.name +
+                                           " is back: port reopened",
+                                       false);
+            }
+            continue;
+        }
         struct pollfd pfd = {fd, POLLIN, 0};
         int r = poll(&pfd, 1, 200);
-        if (r <= 0)
+        bool failed = r > 0 && (pfd.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+        if (failed) {
+            int err = 0;
+            socklen_t el = sizeof err;
+            (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &el);
+        }
+        // An interface that is deleted leaves its sockets deaf for good;
+        // one that only went down comes back by itself.
+        if (failed || (r == 0 && ++idle >= 5)) {
+            idle = 0;
+            if (interfaceGone(ps)) {
+                closePort(ps);
+                gone = true;
+                logging::platformEvent(logging::kEventPortGone,
+                                       "interface " + ps.interface + " of port " + ps.name +
+                                           " is gone: the port is closed until it is back",
+                                       true);
+                continue;
+            }
+        }
+        if (r <= 0 || failed)
             continue;
+        idle = 0;
         // A burst is taken at once, without a poll per frame.
         for (int burst = 0; burst < 64 && !p.stopping.load(); ++burst) {
             if (!receiveOne(fd, port, buf, control, sizeof control))
@@ -153,13 +231,14 @@ void receiveLoop(size_t port, std::string name)
 bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control, size_t controlLen)
 {
     struct sockaddr_ll from;
-    struct iovec iov = {buf.data(), buf.size()};
+    struct virtio_net_hdr vh;
+    struct iovec iov[2] = {{&vh, sizeof vh}, {buf.data(), buf.size()}};
     struct msghdr msg;
     memset(&msg, 0, sizeof msg);
     msg.msg_name = &from;
     msg.msg_namelen = sizeof from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
+    msg.msg_iov = iov;
+    msg.msg_iovlen = 2;
     msg.msg_control = control;
     msg.msg_controllen = controlLen;
     ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
@@ -168,10 +247,17 @@ bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control
     // Our own transmissions, where the kernel still shows them.
     if (from.sll_pkttype == PACKET_OUTGOING)
         return true;
-    if (msg.msg_flags & MSG_TRUNC)
+    if (msg.msg_flags & MSG_TRUNC) {
+        core::discard(port, "larger than the receive buffer");
         return true;
+    }
+    if ((size_t)n < sizeof vh) {
+        core::discard(port, "no offload header");
+        return true;
+    }
+    size_t len = (size_t)n - sizeof vh;
     int32_t tci = -1;
-    bool csumNotReady = false;
+    uint16_t tpid = 0x8100;
     for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA)
             continue;
@@ -182,15 +268,23 @@ bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control
 #else
         if (aux.tp_vlan_tci != 0)
 #endif
+        {
             tci = aux.tp_vlan_tci;
-#ifdef TP_STATUS_CSUMNOTREADY
-        if (aux.tp_status & TP_STATUS_CSUMNOTREADY)
-            csumNotReady = true;
+#ifdef TP_STATUS_VLAN_TPID_VALID
+            if (aux.tp_status & TP_STATUS_VLAN_TPID_VALID)
+                tpid = aux.tp_vlan_tpid;
 #endif
+        }
     }
-    if (csumNotReady)
-        completeChecksum(buf.data(), (size_t)n);
-    core::receive(port, buf.data(), (size_t)n, tci);
+    core::Offload off;
+    off.needsCsum = (vh.flags & VIRTIO_NET_HDR_F_NEEDS_CSUM) != 0;
+    off.csumStart = vh.csum_start;
+    off.csumOffset = vh.csum_offset;
+    off.gsoType = vh.gso_type;
+    off.gsoSize = vh.gso_size;
+    off.hdrLen = vh.hdr_len;
+    bool any = off.needsCsum || off.gsoType != VIRTIO_NET_HDR_GSO_NONE;
+    core::receive(port, buf.data(), len, tci, tpid, any ? &off : nullptr);
     return true;
 }
 
@@ -205,31 +299,53 @@ void agingLoop()
     }
 }
 
-bool openPort(const swcfg::PortConfig& pc, int& fd, uint8_t mac[6], bool& haveMac, std::string& error)
+// The socket is made with protocol 0, which receives nothing, and bound to
+// its interface with ETH_P_ALL in one step: no frame of another interface
+// ever reaches it.
+bool openPort(const std::string& name, const std::string& interface, int& fd, int& ifindex, uint8_t mac[6],
+              bool& haveMac, std::string& error)
 {
     fd = -1;
+    const std::string what = "interface " + interface + " of port " + name;
     // Privileges first: without them no interface would do.
-    int s = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+    int s = socket(AF_PACKET, SOCK_RAW, 0);
     if (s < 0) {
         if (errno == EPERM || errno == EACCES)
             error = "opening AF_PACKET sockets needs CAP_NET_RAW (run as root)";
         else
-            error = "interface " + pc.interface + " of port " + pc.name + ": socket: " + strerror(errno);
+            error = what + ": socket: " + strerror(errno);
         return false;
     }
-    unsigned idx = if_nametoindex(pc.interface.c_str());
+    unsigned idx = if_nametoindex(interface.c_str());
     if (idx == 0) {
-        error = "interface " + pc.interface + " of port " + pc.name + ": " + strerror(errno);
+        error = what + ": " + strerror(errno);
         close(s);
         return false;
     }
+    int one = 1;
+    // Frames keep the offloads of their interface: a TCP super-frame comes
+    // whole with its segmentation state and leaves the same way.
+    if (setsockopt(s, SOL_PACKET, PACKET_VNET_HDR, &one, sizeof one) != 0) {
+        error = what + ": PACKET_VNET_HDR: " + strerror(errno);
+        close(s);
+        return false;
+    }
+    if (setsockopt(s, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) != 0) {
+        error = what + ": PACKET_AUXDATA: " + strerror(errno);
+        close(s);
+        return false;
+    }
+#ifdef PACKET_IGNORE_OUTGOING
+    // Older kernels lack it; the receive loop skips outgoing frames anyway.
+    (void)setsockopt(s, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
+#endif
     struct sockaddr_ll sll;
     memset(&sll, 0, sizeof sll);
     sll.sll_family = AF_PACKET;
     sll.sll_protocol = htons(ETH_P_ALL);
     sll.sll_ifindex = (int)idx;
     if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
-        error = "interface " + pc.interface + " of port " + pc.name + ": bind: " + strerror(errno);
+        error = what + ": bind: " + strerror(errno);
         close(s);
         return false;
     }
@@ -238,32 +354,21 @@ bool openPort(const swcfg::PortConfig& pc, int& fd, uint8_t mac[6], bool& haveMa
     mr.mr_ifindex = (int)idx;
     mr.mr_type = PACKET_MR_PROMISC;
     if (setsockopt(s, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &mr, sizeof mr) != 0) {
-        error = "interface " + pc.interface + " of port " + pc.name + ": promiscuous mode: " +
-                strerror(errno);
+        error = what + ": promiscuous mode: " + strerror(errno);
         close(s);
         return false;
     }
-    int one = 1;
-    if (setsockopt(s, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) != 0) {
-        error = "interface " + pc.interface + " of port " + pc.name + ": PACKET_AUXDATA: " +
-                strerror(errno);
-        close(s);
-        return false;
-    }
-#ifdef PACKET_IGNORE_OUTGOING
-    // Older kernels lack it; the receive loop skips outgoing frames anyway.
-    (void)setsockopt(s, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
-#endif
     if (!haveMac) {
         struct ifreq ifr;
         memset(&ifr, 0, sizeof ifr);
-        strncpy(ifr.ifr_name, pc.interface.c_str(), IFNAMSIZ - 1);
+        strncpy(ifr.ifr_name, interface.c_str(), IFNAMSIZ - 1);
         if (ioctl(s, SIOCGIFHWADDR, &ifr) == 0) {
             memcpy(mac, ifr.ifr_hwaddr.sa_data, 6);
             haveMac = true;
         }
     }
     fd = s;
+    ifindex = (int)idx;
     return true;
 }
 
@@ -300,21 +405,19 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     closeAll(p);
     core::tearDown();
     p.count = cfg.ports.size();
-    p.fds.reset(new std::atomic<int>[p.count]);
-    for (size_t i = 0; i < p.count; ++i)
-        p.fds[i].store(-1);
+    p.socks.reset(new PortSock[p.count]);
     uint8_t mac[6] = {0, 0, 0, 0, 0, 0};
     bool haveMac = false;
     for (size_t i = 0; i < p.count; ++i) {
         const swcfg::PortConfig& pc = cfg.ports[i];
+        p.socks[i].name = pc.name;
+        p.socks[i].interface = pc.interface;
         if (pc.interface.empty())
             continue;  // a port of the configuration only: nothing behind it
-        int fd;
-        if (!openPort(pc, fd, mac, haveMac, error)) {
+        if (!openPort(pc.name, pc.interface, p.socks[i].fd, p.socks[i].ifindex, mac, haveMac, error)) {
             closeAll(p);
             return false;
         }
-        p.fds[i].store(fd);
     }
     runtime::setDataDir(opt.dataDir);
     logging::configure(opt.useSyslog, opt.eventsKept);
@@ -350,7 +453,7 @@ bool run(std::string& error)
     }
     try {
         for (size_t i = 0; i < p.count; ++i)
-            if (p.fds[i].load() >= 0)
+            if (!p.socks[i].interface.empty())
                 p.threads.emplace_back(receiveLoop, i, "rx-" + cfgPorts[i].interface);
         p.threads.emplace_back(agingLoop);
     } catch (const std::exception& e) {

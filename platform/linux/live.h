@@ -18,6 +18,7 @@ struct Options {
     uint32_t packetPool = 1024;   // buffers for trapped DHCP frames
     uint32_t fdbSize = 8192;      // learned MAC addresses
     uint32_t fdbAgingSec = 300;
+    uint32_t fdbPortLimit = 2048; // learned MAC addresses per port (0: no limit)
     uint32_t sourceGuardSize = 4096;
     uint32_t eventsKept = 256;    // system-log entries kept for `events`
     bool useSyslog = true;        // system-log entries also go to syslog(3)
@@ -53,6 +54,14 @@ struct PortCounters {
     // Trapped frames the module did not send on, and frames that could not
     // be trapped ("packet pool full", "queue full"), by reason.
     std::map<std::string, uint64_t> dropped;
+    // Received frames that were not switched, by reason ("stacked VLAN tags",
+    // "reserved group address", ...).
+    std::map<std::string, uint64_t> discarded;
+    // Frames that could not be sent out of this port, by reason.
+    std::map<std::string, uint64_t> txFailed;
+    // Source addresses not learned: the port's share of the FDB, or the
+    // table, was full.
+    uint64_t fdbNotLearned = 0;
 };
 std::vector<PortCounters> counters();
 

@@ -13,15 +13,31 @@
 namespace live {
 namespace core {
 
-// Largest frame taken from or given to an interface.
-constexpr size_t kMaxFrame = 65536;
+// Largest frame taken from or given to an interface: a TCP super-frame of
+// the kernel's offloads (64 KiB) with its Ethernet header and a tag.
+constexpr size_t kMaxFrame = 65536 + 64;
 // Bytes of one packet-pool buffer: a trapped frame must fit.
 constexpr size_t kPoolBufferSize = 2048;
 
+// What the kernel says about a frame's offloads (the virtio header of
+// PACKET_VNET_HDR): a checksum still to be computed, or a super-frame the
+// interface it leaves by, or the kernel, cuts into segments. Offsets count
+// from the first byte of the frame as the core holds it, without a tag.
+struct Offload {
+    bool needsCsum = false;   // checksum over [csumStart, end) into csumStart + csumOffset
+    uint16_t csumStart = 0;
+    uint16_t csumOffset = 0;
+    uint8_t gsoType = 0;      // 0: one frame; else the kernel's segmentation type
+    uint16_t gsoSize = 0;
+    uint16_t hdrLen = 0;
+};
+
 // Delivers one frame on a configured port (index into cfg.ports). tagVid >= 0:
-// an 802.1Q tag with that VLAN goes in after the two MAC addresses.
-using Transmit =
-    std::function<void(size_t port, const uint8_t* frame, size_t len, int32_t tagVid)>;
+// an 802.1Q tag with that VLAN goes in after the two MAC addresses. off, when
+// given, is the frame's offload state (offsets without the tag). Returns 0
+// when the interface took the frame, else the errno of the failure.
+using Transmit = std::function<int(size_t port, const uint8_t* frame, size_t len, int32_t tagVid,
+                                   const Offload* off)>;
 
 // Sizes everything from opt and takes over cfg; no sockets. False with
 // error when the configuration cannot be switched (ports without handles,
@@ -32,9 +48,16 @@ void tearDown();
 bool isUp();
 
 // One frame received on a configured port. vlanTci < 0: no tag was stripped
-// by the kernel; otherwise the stripped tag's TCI. A tag still in the frame
-// is taken out in place, so the bytes are the core's to change.
-void receive(size_t port, uint8_t* frame, size_t len, int32_t vlanTci);
+// by the kernel; otherwise the stripped tag's TCI, and vlanTpid its TPID. A
+// tag still in the frame is taken out in place, so the bytes are the core's
+// to change. off: the kernel's offload state of the frame, if it gave one.
+void receive(size_t port, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vlanTpid = 0x8100,
+             const Offload* off = nullptr);
+// A frame of the port that never reached the core (larger than the receive
+// buffer, ...): counted as received and discarded for the reason.
+void discard(size_t port, const char* reason);
+// The reason counted for a failed send with this errno.
+std::string sendFailure(int err);
 // Removes the FDB entries not seen for the aging time.
 void ageFdb();
 
@@ -55,6 +78,8 @@ void setClock(std::function<uint64_t()> clock);
 size_t poolBuffersInUse();
 size_t badReleases();
 size_t fdbCount();
+// The longest chain of the FDB's hash table.
+size_t fdbLongestChain();
 size_t sourceGuardCount();
 
 }  // namespace core
@@ -84,6 +109,12 @@ void setSwitchInited(bool on);
 // System-log entries: kept (at most eventsKept), and to syslog(3) when asked.
 void configure(bool useSyslog, uint32_t eventsKept);
 void clearEvents();
+// An event of the platform itself (a port's interface gone or back): kept
+// with the module's entries, to syslog when asked, and to standard error.
+void platformEvent(uint32_t code, const std::string& text, bool warning);
+// Its codes.
+constexpr uint32_t kEventPortGone = 0x4CF00001u;
+constexpr uint32_t kEventPortReopened = 0x6CF00002u;
 // The calling thread is the module's main task: its debug lines are kept
 // for naming the drop of the frame it works on.
 void setMainTask(bool on);

@@ -357,6 +357,29 @@ void configure(bool useSyslog, uint32_t eventsKept)
         ring.pop_front();
 }
 
+void platformEvent(uint32_t code, const std::string& text, bool warning)
+{
+    live::Event e;
+    e.unixMs = unixMs();
+    e.code = code;
+    e.text = text;
+    std::lock_guard<std::mutex> g(gEventsLock);
+    if (gUseSyslog) {
+        if (!gSyslogOpen) {
+            openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
+            gSyslogOpen = true;
+        }
+        syslog(warning ? LOG_WARNING : LOG_INFO, "%s", text.c_str());
+    }
+    fprintf(stderr, "dhcpsnoopd: %s\n", text.c_str());
+    if (gEventsKept > 0) {
+        auto& ring = eventRing();
+        while (ring.size() >= gEventsKept)
+            ring.pop_front();
+        ring.push_back(std::move(e));
+    }
+}
+
 void clearEvents()
 {
     std::lock_guard<std::mutex> g(gEventsLock);

@@ -7,14 +7,18 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
+#include <string>
 #include <vector>
 
+#include "platform/common/port_index.h"
 #include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
 #include "snooping/dhcpSnoop.h"
@@ -42,8 +46,8 @@ namespace live {
 namespace core {
 namespace {
 
-constexpr uint32_t kPortsPerUnit = 64;
-constexpr uint32_t kMaxPortChannels = 15;
+constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
+constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 // The simulated switch's shape, kept so ports name the same indexes.
 constexpr uint32_t kDefaultPorts = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
@@ -51,6 +55,10 @@ constexpr uint32_t kDefaultPortChannels = 8;
 constexpr size_t kMaxPorts = 80;
 constexpr int32_t kNone = -1;
 constexpr uint16_t kTpid = 0x8100;
+
+// Entries of one hash chain at most: chosen addresses cannot make a walk
+// long (the hash is keyed, so they cannot even aim at one chain).
+constexpr size_t kMaxChain = 8;
 
 struct FdbSlot {
     uint8_t mac[6];
@@ -71,6 +79,7 @@ struct PoolSlot {
     size_t rxPort = 0;
     uint32_t sends = 0;
     uint32_t delivered = 0;
+    uint16_t vid = 0;  // of the module's sends: the VLAN its source is learned in
 };
 
 struct PortState {
@@ -108,6 +117,8 @@ struct Core {
     std::vector<int32_t> fdbBuckets;
     int32_t fdbFree = kNone;
     size_t fdbUsed = 0;
+    std::vector<uint32_t> fdbOnPort;  // entries per port
+    uint64_t hashKey[2] = {0, 0};     // drawn at set-up
 
     std::vector<QSlot> qtable;
     std::vector<int32_t> qBuckets;
@@ -160,94 +171,139 @@ size_t pow2AtLeast(size_t n)
     return p;
 }
 
-uint32_t macHash(const uint8_t* mac, uint16_t vid)
+// SipHash-2-4 of at most 8 bytes: one message block and the final one.
+uint64_t rotl(uint64_t x, int b) { return (x << b) | (x >> (64 - b)); }
+
+uint64_t sipHash8(const uint64_t key[2], const uint8_t* in, size_t n)
 {
-    uint32_t h = 2166136261u;
-    for (int i = 0; i < 6; ++i)
-        h = (h ^ mac[i]) * 16777619u;
-    h = (h ^ (vid & 0xFFu)) * 16777619u;
-    h = (h ^ (vid >> 8)) * 16777619u;
-    return h;
+    uint64_t v0 = 0x736f6d6570736575ull ^ key[0];
+    uint64_t v1 = 0x646f72616e646f6dull ^ key[1];
+    uint64_t v2 = 0x6c7967656e657261ull ^ key[0];
+    uint64_t v3 = 0x7465646279746573ull ^ key[1];
+    auto round = [&] {
+        v0 += v1; v1 = rotl(v1, 13); v1 ^= v0; v0 = rotl(v0, 32);
+        v2 += v3; v3 = rotl(v3, 16); v3 ^= v2;
+        v0 += v3; v3 = rotl(v3, 21); v3 ^= v0;
+        v2 += v1; v1 = rotl(v1, 17); v1 ^= v2; v2 = rotl(v2, 32);
+    };
+    auto block = [&](uint64_t m) {
+        v3 ^= m;
+        round();
+        round();
+        v0 ^= m;
+    };
+    uint64_t m = 0;
+    for (size_t i = 0; i < n && i < 8; ++i)
+        m |= (uint64_t)in[i] << (8 * i);
+    if (n == 8) {
+        block(m);
+        m = 0;
+    }
+    block(m | ((uint64_t)(n & 0xFF) << 56));
+    v2 ^= 0xFF;
+    round();
+    round();
+    round();
+    round();
+    return v0 ^ v1 ^ v2 ^ v3;
 }
 
-uint32_t ipHash(const uint8_t* ip)
+uint32_t macHash(const Core& c, const uint8_t* mac, uint16_t vid)
 {
-    uint32_t h = 2166136261u;
-    for (int i = 0; i < 4; ++i)
-        h = (h ^ ip[i]) * 16777619u;
-    return h;
+    uint8_t k[8] = {mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], (uint8_t)(vid >> 8), (uint8_t)vid};
+    return (uint32_t)sipHash8(c.hashKey, k, sizeof k);
 }
+
+uint32_t ipHash(const Core& c, const uint8_t* ip) { return (uint32_t)sipHash8(c.hashKey, ip, 4); }
 
 // ---- port list bits (the module's layout) ----
 
-bool portBit(::up h, uint32_t* word, uint32_t* bit)
-{
-    if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
-        uint32_t unit = UP_UNIT(h);
-        if (unit == 0)
-            return false;
-        uint32_t n = UP_SLOT(h) * kPortsPerUnit + UP_PORT(h);
-        *word = (unit - 1) * 3 + (n / 32) % 3;
-        *bit = n % 32;
-    } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
-        if (UP_PORT(h) == 0)
-            return false;
-        uint32_t m = UP_PORT(h) - 1;
-        *word = 3 + (m / 32) % 3;
-        *bit = m % 32;
-    } else {
-        return false;
-    }
-    return *word < 6;
-}
+bool portBit(::up h, uint32_t* word, uint32_t* bit) { return portindex::bit(h, word, bit); }
 
-bool inList(const PortList& l, ::up h)
-{
-    uint32_t w, b;
-    return portBit(h, &w, &b) && ((l.word[w] >> b) & 1u) != 0;
-}
+bool inList(const PortList& l, ::up h) { return portindex::inList(l.word, h); }
 
 // ---- FDB (under the lock) ----
+
+uint32_t fdbBucket(const Core& c, const uint8_t* mac, uint16_t vid)
+{
+    return macHash(c, mac, vid) & (uint32_t)(c.fdbBuckets.size() - 1);
+}
 
 int32_t fdbFind(Core& c, const uint8_t* mac, uint16_t vid)
 {
     if (c.fdbBuckets.empty())
         return kNone;
-    uint32_t b = macHash(mac, vid) & (uint32_t)(c.fdbBuckets.size() - 1);
-    for (int32_t i = c.fdbBuckets[b]; i != kNone; i = c.fdb[(size_t)i].next)
+    for (int32_t i = c.fdbBuckets[fdbBucket(c, mac, vid)]; i != kNone; i = c.fdb[(size_t)i].next)
         if (c.fdb[(size_t)i].vid == vid && memcmp(c.fdb[(size_t)i].mac, mac, 6) == 0)
             return i;
     return kNone;
 }
 
+// Unlinks the entry *link points at and gives it back.
+void fdbRemove(Core& c, int32_t* link)
+{
+    int32_t gone = *link;
+    FdbSlot& s = c.fdb[(size_t)gone];
+    *link = s.next;
+    if (s.port < c.fdbOnPort.size() && c.fdbOnPort[s.port] > 0)
+        --c.fdbOnPort[s.port];
+    s.next = c.fdbFree;
+    c.fdbFree = gone;
+    --c.fdbUsed;
+}
+
+// Learns where a source lives. Called only for frames that passed every
+// check of their port: a frame the switch or the module refuses, or one the
+// source guard could not check, must not pull its source's traffic to the
+// sender's port.
 void fdbLearn(Core& c, const uint8_t* mac, uint16_t vid, size_t port)
 {
     // Group and all-zero sources are never learned.
     static const uint8_t zero[6] = {0, 0, 0, 0, 0, 0};
-    if ((mac[0] & 1u) != 0 || memcmp(mac, zero, 6) == 0)
+    if ((mac[0] & 1u) != 0 || memcmp(mac, zero, 6) == 0 || c.fdbBuckets.empty() || port >= c.ports.size())
         return;
     uint64_t now = c.clock ? c.clock() : 0;
-    int32_t i = fdbFind(c, mac, vid);
-    if (i != kNone) {
-        c.fdb[(size_t)i].port = (uint32_t)port;  // a station that moved
-        c.fdb[(size_t)i].seenMs = now;
+    uint32_t limit = c.opt.fdbPortLimit;
+    bool portFull = limit != 0 && c.fdbOnPort[port] >= limit;
+    uint32_t b = fdbBucket(c, mac, vid);
+    size_t chain = 0;
+    for (int32_t* link = &c.fdbBuckets[b]; *link != kNone; link = &c.fdb[(size_t)*link].next, ++chain) {
+        FdbSlot& s = c.fdb[(size_t)*link];
+        if (s.vid != vid || memcmp(s.mac, mac, 6) != 0)
+            continue;
+        if (s.port != port) {
+            // A station that moved, to a port whose share is used up: it is
+            // forgotten (flooded) rather than left where it no longer is.
+            if (portFull) {
+                fdbRemove(c, link);
+                ++c.ports[port].counters.fdbNotLearned;
+                return;
+            }
+            if (s.port < c.fdbOnPort.size() && c.fdbOnPort[s.port] > 0)
+                --c.fdbOnPort[s.port];
+            ++c.fdbOnPort[port];
+            s.port = (uint32_t)port;
+        }
+        s.seenMs = now;
         return;
     }
-    // A full table learns nothing more until entries age out; such frames
-    // are flooded.
-    if (c.fdbFree == kNone)
+    // A full table, port share or chain learns nothing more until entries
+    // age out; such destinations are flooded.
+    if (portFull || chain >= kMaxChain || c.fdbFree == kNone) {
+        ++c.ports[port].counters.fdbNotLearned;
         return;
-    i = c.fdbFree;
+    }
+    int32_t i = c.fdbFree;
     FdbSlot& s = c.fdb[(size_t)i];
     c.fdbFree = s.next;
     memcpy(s.mac, mac, 6);
     s.vid = vid;
     s.port = (uint32_t)port;
     s.seenMs = now;
-    uint32_t b = macHash(mac, vid) & (uint32_t)(c.fdbBuckets.size() - 1);
     s.next = c.fdbBuckets[b];
     c.fdbBuckets[b] = i;
     ++c.fdbUsed;
+    ++c.fdbOnPort[port];
 }
 
 void fdbFlush(Core& c)
@@ -257,6 +313,7 @@ void fdbFlush(Core& c)
         c.fdb[i].next = i + 1 < c.fdb.size() ? (int32_t)(i + 1) : kNone;
     c.fdbFree = c.fdb.empty() ? kNone : 0;
     c.fdbUsed = 0;
+    std::fill(c.fdbOnPort.begin(), c.fdbOnPort.end(), 0u);
 }
 
 // ---- source guard (under the lock) ----
@@ -265,7 +322,7 @@ bool sourceBound(Core& c, const uint8_t* ip, const uint8_t* mac, uint16_t vid, :
 {
     if (c.qBuckets.empty())
         return false;
-    uint32_t b = ipHash(ip) & (uint32_t)(c.qBuckets.size() - 1);
+    uint32_t b = ipHash(c, ip) & (uint32_t)(c.qBuckets.size() - 1);
     for (int32_t i = c.qBuckets[b]; i != kNone; i = c.qtable[(size_t)i].next) {
         const SwQTableEntry& e = c.qtable[(size_t)i].e;
         if (memcmp(e.ip, ip, 4) == 0 && memcmp(e.mac, mac, 6) == 0 && e.vlan == vid && e.port == port)
@@ -276,7 +333,7 @@ bool sourceBound(Core& c, const uint8_t* ip, const uint8_t* mac, uint16_t vid, :
 
 void qUnlink(Core& c, int32_t idx)
 {
-    uint32_t b = ipHash(c.qtable[(size_t)idx].e.ip) & (uint32_t)(c.qBuckets.size() - 1);
+    uint32_t b = ipHash(c, c.qtable[(size_t)idx].e.ip) & (uint32_t)(c.qBuckets.size() - 1);
     int32_t* link = &c.qBuckets[b];
     while (*link != kNone && *link != idx)
         link = &c.qtable[(size_t)*link].next;
@@ -325,31 +382,133 @@ bool isDhcp(const uint8_t* f, size_t len)
     return dport == 67 || dport == 68;
 }
 
-enum class Guarded { Pass, Refuse };
+// Where the network layer of a frame starts and its EtherType: Ethernet II,
+// or 802.3 LLC/SNAP with any OUI (RFC 1042 and 802.1H both carry IPv4 and
+// ARP so). False for other 802.3 frames and short ones.
+bool networkLayer(const uint8_t* f, size_t len, uint16_t* type, size_t* at)
+{
+    if (len < 14)
+        return false;
+    uint16_t t = rd16(f + 12);
+    if (t >= 0x0600) {
+        *type = t;
+        *at = 14;
+        return true;
+    }
+    if (len < 22 || f[14] != 0xAA || f[15] != 0xAA || f[16] != 0x03)
+        return false;
+    *type = rd16(f + 20);
+    *at = 22;
+    return true;
+}
+
+enum class Guarded {
+    Pass,       // the port is not guarded in this VLAN
+    Verified,   // its source is bound to this port
+    Unchecked,  // guarded port, but nothing here to check the source by
+    Refuse,
+};
+
+bool guardedPort(const Core& c, const PortState& p, uint16_t vid)
+{
+    return !p.cfg.trust && c.snoopVlan[vid & 0xFFFu] && (c.cfg.ipFilter || c.cfg.arpDefend);
+}
 
 // IPv4 and ARP on an untrusted port of a snooping VLAN pass only from a
-// bound source. An ARP probe (sender 0.0.0.0) claims no address and passes:
-// a client checks its new lease with one. Only Ethernet II is looked at:
-// hosts do not send IPv4 or ARP in 802.3/SNAP.
+// bound source, in Ethernet II and in SNAP alike. An ARP probe (sender
+// 0.0.0.0) passes only as a request for an address bound to its sender on
+// this port: clients probe the address an ACK gave them, and a probe for
+// anyone else's address would only make that client give its lease up.
+// ARP whose sender is not the frame's source is refused. IPv6 is dropped
+// there when the switch says so, and otherwise not looked at.
 Guarded sourceGuard(Core& c, const PortState& p, const uint8_t* f, size_t len, uint16_t vid)
 {
     if (p.cfg.trust || !c.snoopVlan[vid & 0xFFFu])
         return Guarded::Pass;
-    uint16_t t = rd16(f + 12);
-    if (t == 0x0800 && c.cfg.ipFilter) {
-        if (len < 14 + 20)
+    bool filters = c.cfg.ipFilter || c.cfg.arpDefend;
+    uint16_t t = 0;
+    size_t l3 = 0;
+    if (!networkLayer(f, len, &t, &l3))
+        return filters ? Guarded::Unchecked : Guarded::Pass;
+    if (t == 0x86DD && c.cfg.dropIpv6)
+        return Guarded::Refuse;
+    if (!filters)
+        return Guarded::Pass;
+    if (t == 0x0800) {
+        if (!c.cfg.ipFilter)
+            return Guarded::Unchecked;
+        if (len < l3 + 20)
             return Guarded::Refuse;
-        return sourceBound(c, f + 26, f + 6, vid, p.cfg.handle) ? Guarded::Pass : Guarded::Refuse;
+        return sourceBound(c, f + l3 + 12, f + 6, vid, p.cfg.handle) ? Guarded::Verified : Guarded::Refuse;
     }
-    if (t == 0x0806 && c.cfg.arpDefend) {
-        if (len < 14 + 28 || rd16(f + 14) != 1 || rd16(f + 16) != 0x0800 || f[18] != 6 || f[19] != 4)
+    if (t == 0x0806) {
+        if (!c.cfg.arpDefend)
+            return Guarded::Unchecked;
+        const uint8_t* a = f + l3;
+        if (len < l3 + 28 || rd16(a) != 1 || rd16(a + 2) != 0x0800 || a[4] != 6 || a[5] != 4)
+            return Guarded::Refuse;
+        const uint8_t* sha = a + 8;
+        const uint8_t* spa = a + 14;
+        const uint8_t* tpa = a + 24;
+        if (memcmp(sha, f + 6, 6) != 0)
             return Guarded::Refuse;
         static const uint8_t zero[4] = {0, 0, 0, 0};
-        if (memcmp(f + 28, zero, 4) == 0)
-            return Guarded::Pass;
-        return sourceBound(c, f + 28, f + 22, vid, p.cfg.handle) ? Guarded::Pass : Guarded::Refuse;
+        if (memcmp(spa, zero, 4) == 0) {
+            if (rd16(a + 6) != 1)
+                return Guarded::Refuse;
+            return sourceBound(c, tpa, sha, vid, p.cfg.handle) ? Guarded::Verified : Guarded::Refuse;
+        }
+        return sourceBound(c, spa, sha, vid, p.cfg.handle) ? Guarded::Verified : Guarded::Refuse;
     }
-    return Guarded::Pass;
+    return Guarded::Unchecked;
+}
+
+// 01:80:C2:00:00:00 to 0F: bridge protocols (STP, LACP, 802.1X, LLDP, ...)
+// that a bridge never forwards.
+bool reservedGroup(const uint8_t* dst)
+{
+    return dst[0] == 0x01 && dst[1] == 0x80 && dst[2] == 0xC2 && dst[3] == 0 && dst[4] == 0 &&
+           (dst[5] & 0xF0) == 0;
+}
+
+bool isTagTpid(uint16_t t) { return t == 0x8100 || t == 0x88A8 || t == 0x9100 || t == 0x9200; }
+
+// Takes the tag at the frame's EtherType out in place.
+void popTag(uint8_t*& f, size_t& len, Offload* off)
+{
+    memmove(f + 4, f, 12);
+    f += 4;
+    len -= 4;
+    if (off) {
+        off->csumStart = off->csumStart >= 4 ? (uint16_t)(off->csumStart - 4) : 0;
+        off->hdrLen = off->hdrLen >= 4 ? (uint16_t)(off->hdrLen - 4) : 0;
+    }
+}
+
+// Finishes a checksum the sender left to an offload: the ones' complement
+// sum over [csumStart, end) goes where csumOffset points (the field holds
+// the pseudo-header's sum already). False when the offsets do not fit.
+bool completeChecksum(uint8_t* f, size_t len, const Offload& off)
+{
+    size_t start = off.csumStart;
+    size_t at = start + off.csumOffset;
+    if (start >= len || at + 2 > len)
+        return false;
+    uint32_t sum = 0;
+    size_t i = start;
+    for (; i + 1 < len; i += 2)
+        sum += rd16(f + i);
+    if (i < len)
+        sum += (uint32_t)f[i] << 8;
+    while (sum >> 16)
+        sum = (sum & 0xFFFFu) + (sum >> 16);
+    uint16_t v = (uint16_t)~sum;
+    // A UDP checksum of 0 means none; a computed 0 is sent as all ones.
+    if (v == 0)
+        v = 0xFFFF;
+    f[at] = (uint8_t)(v >> 8);
+    f[at + 1] = (uint8_t)v;
+    return true;
 }
 
 struct Egress {
@@ -393,18 +552,30 @@ void l2Egress(Core& c, const uint8_t* dst, uint16_t vid, size_t rx, Egress& out)
     flood(c, vid, nullptr, rx, out);
 }
 
-void transmitAll(Core& c, const std::shared_ptr<const Transmit>& tx, const Egress& e,
-                 const uint8_t* f, size_t len)
+// Sends f out of every egress port; returns how many took it. Every
+// failure is counted on its port by reason.
+size_t transmitAll(Core& c, const std::shared_ptr<const Transmit>& tx, const Egress& e,
+                   const uint8_t* f, size_t len, const Offload* off = nullptr)
 {
     if (e.n == 0)
-        return;
+        return 0;
+    std::array<int, kMaxPorts> err;
     for (size_t k = 0; k < e.n; ++k)
-        if (tx && *tx)
-            (*tx)(e.port[k], f, len, e.tag[k]);
+        err[k] = tx && *tx ? (*tx)(e.port[k], f, len, e.tag[k], off) : ENOTCONN;
+    size_t ok = 0;
     Guard g(c.lock);
-    for (size_t k = 0; k < e.n; ++k)
-        if (e.port[k] < c.ports.size())
-            ++c.ports[e.port[k]].counters.txFrames;
+    for (size_t k = 0; k < e.n; ++k) {
+        if (e.port[k] >= c.ports.size())
+            continue;
+        PortCounters& pc = c.ports[e.port[k]].counters;
+        if (err[k] == 0) {
+            ++pc.txFrames;
+            ++ok;
+        } else {
+            ++pc.txFailed[sendFailure(err[k])];
+        }
+    }
+    return ok;
 }
 
 // Takes cfg's switch-wide settings and port records (under the lock).
@@ -533,7 +704,13 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
 
     c.fdb.assign(opt.fdbSize, FdbSlot());
     c.fdbBuckets.assign(pow2AtLeast((size_t)opt.fdbSize * 2), kNone);
+    c.fdbOnPort.assign(cfg.ports.size(), 0u);
     fdbFlush(c);
+    // A new key each time: nobody outside can choose addresses that meet
+    // in one chain.
+    std::random_device rd;
+    c.hashKey[0] = ((uint64_t)rd() << 32) ^ rd();
+    c.hashKey[1] = ((uint64_t)rd() << 32) ^ rd();
 
     c.qtable.assign(opt.sourceGuardSize, QSlot());
     c.qBuckets.assign(pow2AtLeast((size_t)opt.sourceGuardSize * 2), kNone);
@@ -579,6 +756,7 @@ void tearDown()
     c.fdbBuckets.clear();
     c.fdbFree = kNone;
     c.fdbUsed = 0;
+    c.fdbOnPort.clear();
     c.qtable.clear();
     c.qBuckets.clear();
     c.qFree = kNone;
@@ -707,23 +885,17 @@ void ageFdb()
     for (size_t b = 0; b < c.fdbBuckets.size(); ++b) {
         int32_t* link = &c.fdbBuckets[b];
         while (*link != kNone) {
-            FdbSlot& s = c.fdb[(size_t)*link];
-            if (now - s.seenMs >= maxAge) {
-                int32_t gone = *link;
-                *link = s.next;
-                s.next = c.fdbFree;
-                c.fdbFree = gone;
-                --c.fdbUsed;
-            } else {
-                link = &s.next;
-            }
+            if (now - c.fdb[(size_t)*link].seenMs >= maxAge)
+                fdbRemove(c, link);
+            else
+                link = &c.fdb[(size_t)*link].next;
         }
     }
 }
 
 // ---- the data path ---------------------------------------------------------
 
-void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
+void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vlanTpid, const Offload* offIn)
 {
     Core& c = core();
     Egress out;
@@ -731,6 +903,9 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
     uint8_t* f = frame;
     uint16_t vid = 0;
     bool dhcp = false;
+    Offload off;
+    if (offIn)
+        off = *offIn;
     {
         Guard g(c.lock);
         if (!c.up || rx >= c.ports.size() || !frame)
@@ -739,17 +914,44 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
         ++p.counters.rxFrames;
         if (len < 14)
             return;
+        if (reservedGroup(f)) {
+            ++p.counters.discarded["reserved group address"];
+            return;
+        }
+        // A port takes one 802.1Q tag, stripped by the kernel or still in
+        // the frame; behind it only a priority tag (VLAN 0) may follow,
+        // which goes too. Anything else is refused: an inner tag the next
+        // switch would take as the VLAN (VLAN hopping), an 802.1ad service
+        // tag (no port here is a QinQ port), and a frame whose inner
+        // EtherType would hide DHCP, IPv4 or ARP from the trap and the
+        // source guard.
         bool tagged = false;
         if (vlanTci >= 0) {
+            if (vlanTpid != kTpid) {
+                ++p.counters.discarded["802.1ad or other service tag"];
+                return;
+            }
             tagged = true;
             vid = (uint16_t)(vlanTci & 0x0FFF);
-        } else if (len >= 18 && rd16(f + 12) == kTpid) {
+        }
+        for (int tags = tagged ? 1 : 0; len >= 14 && isTagTpid(rd16(f + 12)); ++tags) {
+            if (rd16(f + 12) != kTpid) {
+                ++p.counters.discarded["802.1ad or other service tag"];
+                return;
+            }
+            if (len < 18) {
+                ++p.counters.discarded["truncated VLAN tag"];
+                return;
+            }
+            uint16_t inner = rd16(f + 14) & 0x0FFF;
+            if (tags >= 2 || (tags == 1 && inner != 0)) {
+                ++p.counters.discarded["stacked VLAN tags"];
+                return;
+            }
+            if (tags == 0 || vid == 0)
+                vid = inner;
             tagged = true;
-            vid = rd16(f + 14) & 0x0FFF;
-            // The tag goes; the addresses move up to where it ended.
-            memmove(f + 4, f, 12);
-            f += 4;
-            len -= 4;
+            popTag(f, len, offIn ? &off : nullptr);
         }
         // A priority tag (VLAN 0) counts as no tag; a tag of the port's own
         // access VLAN is taken as well (the replay tool's rule).
@@ -761,14 +963,27 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
                 ++p.counters.dropped["VLAN " + std::to_string(vid) + " not carried by the port"];
             return;
         }
-        // A refused frame teaches nothing: a spoofed source must not pull
-        // its victim's traffic to the spoofer's port.
-        if (!dhcp && sourceGuard(c, p, f, len, vid) == Guarded::Refuse) {
-            ++p.counters.sourceGuardDropped;
-            return;
-        }
-        fdbLearn(c, f + 6, vid, rx);
-        if (!dhcp) {
+        if (dhcp) {
+            // The module needs one whole frame with its checksum.
+            if (offIn && off.gsoType != 0) {
+                ++p.counters.dropped["segmentation offload on a DHCP frame"];
+                return;
+            }
+            if (offIn && off.needsCsum && !completeChecksum(f, len, off)) {
+                ++p.counters.dropped["bad checksum offload"];
+                return;
+            }
+        } else {
+            Guarded gr = sourceGuard(c, p, f, len, vid);
+            if (gr == Guarded::Refuse) {
+                ++p.counters.sourceGuardDropped;
+                return;
+            }
+            // A DHCP frame teaches its source once the module sends it on
+            // (dhcpReleasePacketPool); on a guarded port only a verified
+            // source is learned.
+            if (gr == Guarded::Pass || gr == Guarded::Verified)
+                fdbLearn(c, f + 6, vid, rx);
             l2Egress(c, f, vid, rx, out);
             tx = c.tx;
         }
@@ -777,7 +992,58 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
         trap(c, rx, f, len, vid);
         return;
     }
-    transmitAll(c, tx, out, f, len);
+    transmitAll(c, tx, out, f, len, offIn ? &off : nullptr);
+}
+
+void discard(size_t rx, const char* reason)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (!c.up || rx >= c.ports.size() || !reason)
+        return;
+    ++c.ports[rx].counters.rxFrames;
+    ++c.ports[rx].counters.discarded[reason];
+}
+
+std::string sendFailure(int err)
+{
+    switch (err) {
+    case EAGAIN:
+#if EWOULDBLOCK != EAGAIN
+    case EWOULDBLOCK:
+#endif
+    case ENOBUFS:
+        return "interface queue full";
+    case EMSGSIZE:
+        return "frame too long for the interface";
+    case ENETDOWN:
+        return "interface down";
+    case ENODEV:
+    case ENXIO:
+        return "interface gone";
+    case EBADF:
+        return "port closed";
+    case ENOTCONN:
+        return "port has no interface";
+    case EINVAL:
+        return "refused by the kernel (invalid)";
+    default:
+        return std::string("send failed: ") + strerror(err);
+    }
+}
+
+size_t fdbLongestChain()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    size_t longest = 0;
+    for (int32_t head : c.fdbBuckets) {
+        size_t n = 0;
+        for (int32_t i = head; i != kNone; i = c.fdb[(size_t)i].next)
+            ++n;
+        longest = std::max(longest, n);
+    }
+    return longest;
 }
 
 }  // namespace core
@@ -795,38 +1061,19 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
 {
     (void)func;
     (void)line;
-    if (!handle)
-        return 1;
-    if (flag == 0) {
-        if (index == 0) {
-            *handle = UP_INVALID;
-            return 0;
-        }
-        index -= 1;
-    }
     uint32_t unit = live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire));
-    uint32_t physical = unit * live::core::kPortsPerUnit;
-    if (index < physical)
-        *handle = UP_MAKE(UP_TYPE_PHYSICAL, index / live::core::kPortsPerUnit + 1, 0,
-                          index % live::core::kPortsPerUnit + 1);
-    else if (index - physical < live::core::kMaxPortChannels)
-        *handle = UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - physical + 1);
-    else
-        *handle = UP_INVALID;
-    return 0;
+    return portindex::fromIndex(handle, index, flag, unit);
 }
 
 uint32_t inner_up_is_valid(up handle)
 {
     uint32_t shape = live::core::gShape.load(std::memory_order_acquire);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        return UP_UNIT(handle) == live::core::shapeUnit(shape) && UP_SLOT(handle) == 0 &&
-                       UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapePorts(shape)
+        return UP_UNIT(handle) == live::core::shapeUnit(shape) &&
+                       portindex::validPhysical(handle, live::core::shapePorts(shape))
                    ? 1
                    : 0;
-    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= live::core::shapeChannels(shape) ? 1 : 0;
-    return 0;
+    return portindex::validChannel(handle, live::core::shapeChannels(shape)) ? 1 : 0;
 }
 
 uint32_t inner_up_is_provision(up handle)
@@ -841,28 +1088,18 @@ uint32_t inner_up_unit_is_valid(uint32_t unit)
     return unit == live::core::shapeUnit(live::core::gShape.load(std::memory_order_acquire)) ? 1 : 0;
 }
 
-uint32_t inner_up_unitbase_get(uint32_t unit)
-{
-    return unit == 0 ? 0 : (unit - 1) * live::core::kPortsPerUnit;
-}
+uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
 
-uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slot * live::core::kPortsPerUnit; }
+uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return portindex::slotBase(slot); }
 
 uint32_t usUp2Str(up handle, char* text, uint32_t flag)
 {
     (void)flag;
     if (!text)
         return 1;
-    if (UP_KIND(handle) == UP_TYPE_PHYSICAL)
-        snprintf(text, UP_STR_BUF, "%u/%u/%u", (unsigned)UP_UNIT(handle), (unsigned)UP_SLOT(handle),
-                 (unsigned)UP_PORT(handle));
-    else if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        snprintf(text, UP_STR_BUF, "po%u", (unsigned)UP_PORT(handle));
-    else
-        snprintf(text, UP_STR_BUF, "unknown");
+    portindex::text(handle, text);
     return 0;
 }
-
 
 uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 {
@@ -1030,12 +1267,19 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
         }
         if (slot) {
             ++slot->sends;
-            slot->delivered += (uint32_t)out.n;
+            slot->vid = vid;
         }
         tx = c.tx;
     }
-    live::core::transmitAll(c, tx, out, f, len);
-    return 0;
+    size_t ok = live::core::transmitAll(c, tx, out, f, len);
+    uint32_t s = packet->platformWord;
+    if (ok > 0 && s >= 1) {
+        Guard g(c.lock);
+        if (s <= c.slots.size() && c.slots[s - 1].inUse)
+            c.slots[s - 1].delivered += (uint32_t)ok;
+    }
+    // Egress ports chosen and none took the frame: the module hears of it.
+    return out.n > 0 && ok == 0 ? 1 : 0;
 }
 
 void dhcpReleasePacketPool(uint8_t* frame)
@@ -1061,9 +1305,17 @@ void dhcpReleasePacketPool(uint8_t* frame)
         fprintf(stderr, "dhcpsnoopd: packet pool buffer %lu released twice\n", (unsigned long)s);
         return;
     }
-    live::PortCounters& pc = c.ports[slot.rxPort].counters;
+    live::core::PortState& rp = c.ports[slot.rxPort];
+    live::PortCounters& pc = rp.counters;
     if (slot.delivered > 0) {
         ++pc.dhcpForwarded;
+        // The module sent it on: its source is where it came from. On a
+        // guarded port a DHCP frame proves no address: it teaches a new
+        // station (the reply then finds its client) but never moves a
+        // known one.
+        if (slot.vid != 0 && (!live::core::guardedPort(c, rp, slot.vid) ||
+                              live::core::fdbFind(c, frame + 6, slot.vid) == live::core::kNone))
+            live::core::fdbLearn(c, frame + 6, slot.vid, slot.rxPort);
     } else {
         if (reason == "dropped" && slot.sends > 0)
             reason = "no egress port";
@@ -1085,7 +1337,7 @@ uint32_t swQTableSearchByIpAndSource(const SwQTableEntry* entry, uint32_t* index
     *found = 0;
     if (c.qBuckets.empty())
         return 0;
-    uint32_t b = live::core::ipHash(entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
+    uint32_t b = live::core::ipHash(c, entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
     for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
         const SwQTableEntry& e = c.qtable[(size_t)i].e;
         if (memcmp(e.ip, entry->ip, 4) == 0 && e.source == entry->source) {
@@ -1117,7 +1369,7 @@ uint32_t swQTableAdd(uint32_t unit, const SwQTableEntry* entry)
     Guard g(c.lock);
     if (c.qBuckets.empty())
         return 1;
-    uint32_t b = live::core::ipHash(entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
+    uint32_t b = live::core::ipHash(c, entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
     for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
         const SwQTableEntry& e = c.qtable[(size_t)i].e;
         if (memcmp(e.ip, entry->ip, 4) == 0 && memcmp(e.mac, entry->mac, 6) == 0 &&

@@ -7,6 +7,7 @@
 // the platform freely.
 #include "platform/sim/sim.h"
 
+#include "platform/common/port_index.h"
 #include "platform/common/port_text.h"
 
 #include <algorithm>
@@ -61,8 +62,8 @@ struct PalThread {
 
 namespace {
 
-constexpr uint32_t kPortsPerUnit = 64;
-constexpr uint32_t kMaxPortChannels = 15;
+constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
+constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 constexpr size_t kFrameCapacity = 2048;
 constexpr uint32_t kDefaultPortCount = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
@@ -264,41 +265,14 @@ uint32_t portCountOf(const State& s, uint32_t unit)
     return it == s.portCounts.end() ? kDefaultPortCount : it->second;
 }
 
-uint32_t flatIndexCount(const State& s) { return maxUnit(s) * kPortsPerUnit + kMaxPortChannels; }
+uint32_t flatIndexCount(const State& s) { return portindex::count(maxUnit(s)); }
 
-up handleOfIndex(const State& s, uint32_t index)
-{
-    uint32_t physical = maxUnit(s) * kPortsPerUnit;
-    if (index < physical)
-        return UP_MAKE(UP_TYPE_PHYSICAL, index / kPortsPerUnit + 1, 0, index % kPortsPerUnit + 1);
-    if (index - physical < kMaxPortChannels)
-        return UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, index - physical + 1);
-    return UP_INVALID;
-}
+up handleOfIndex(const State& s, uint32_t index) { return portindex::handleOf(index, maxUnit(s)); }
 
-uint32_t slotBase(uint32_t slot) { return slot * kPortsPerUnit; }
+uint32_t slotBase(uint32_t slot) { return portindex::slotBase(slot); }
 
 // Word and bit of a port in a PortList; false when the port has no place.
-bool portBit(up h, uint32_t* word, uint32_t* bit)
-{
-    if (UP_KIND(h) == UP_TYPE_PHYSICAL) {
-        uint32_t unit = UP_UNIT(h);
-        if (unit == 0)
-            return false;
-        uint32_t n = slotBase(UP_SLOT(h)) + UP_PORT(h);
-        *word = (unit - 1) * 3 + (n / 32) % 3;
-        *bit = n % 32;
-    } else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL) {
-        if (UP_PORT(h) == 0)
-            return false;
-        uint32_t m = UP_PORT(h) - 1;
-        *word = 3 + (m / 32) % 3;
-        *bit = m % 32;
-    } else {
-        return false;
-    }
-    return *word < 6;
-}
+bool portBit(up h, uint32_t* word, uint32_t* bit) { return portindex::bit(h, word, bit); }
 
 std::string nameOf(const State& s, up h)
 {
@@ -306,13 +280,7 @@ std::string nameOf(const State& s, up h)
     if (it != s.portNames.end())
         return it->second;
     char buf[UP_STR_BUF];
-    if (UP_KIND(h) == UP_TYPE_PHYSICAL)
-        snprintf(buf, sizeof buf, "%u/%u/%u", (unsigned)UP_UNIT(h), (unsigned)UP_SLOT(h),
-                 (unsigned)UP_PORT(h));
-    else if (UP_KIND(h) == UP_TYPE_PORT_CHANNEL)
-        snprintf(buf, sizeof buf, "po%u", (unsigned)UP_PORT(h));
-    else
-        snprintf(buf, sizeof buf, "unknown");
+    portindex::text(h, buf);
     return buf;
 }
 
@@ -793,15 +761,7 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     Guard g(s.lock);
     ++s.fromIndexCalls;
     // flag 0: a port index counted from 1 (the rate limits' numbering).
-    if (flag == 0) {
-        if (index == 0) {
-            *handle = UP_INVALID;
-            return 0;
-        }
-        index -= 1;
-    }
-    *handle = index < flatIndexCount(s) ? handleOfIndex(s, index) : UP_INVALID;
-    return 0;
+    return portindex::fromIndex(handle, index, flag, maxUnit(s));
 }
 
 uint32_t inner_up_is_valid(up handle)
@@ -810,14 +770,9 @@ uint32_t inner_up_is_valid(up handle)
     Guard g(s.lock);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
         uint32_t unit = UP_UNIT(handle);
-        return s.units.count(unit) && UP_SLOT(handle) == 0 && UP_PORT(handle) >= 1 &&
-                       UP_PORT(handle) <= portCountOf(s, unit)
-                   ? 1
-                   : 0;
+        return s.units.count(unit) && portindex::validPhysical(handle, portCountOf(s, unit)) ? 1 : 0;
     }
-    if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL)
-        return UP_PORT(handle) >= 1 && UP_PORT(handle) <= s.portChannels ? 1 : 0;
-    return 0;
+    return portindex::validChannel(handle, s.portChannels) ? 1 : 0;
 }
 
 uint32_t inner_up_is_provision(up handle)
@@ -834,7 +789,7 @@ uint32_t inner_up_unit_is_valid(uint32_t unit)
     return s.units.count(unit) ? 1 : 0;
 }
 
-uint32_t inner_up_unitbase_get(uint32_t unit) { return unit == 0 ? 0 : (unit - 1) * kPortsPerUnit; }
+uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
 
 uint32_t inner_up_slotbaseoffset_get(uint32_t slot) { return slotBase(slot); }
 

@@ -37,24 +37,53 @@ void LiveTest::bringUp(const std::string& toml, live::Options opt)
     portNames_.clear();
     for (const auto& p : cfg.ports)
         portNames_.push_back(p.name);
-    auto tx = [this](size_t port, const uint8_t* f, size_t len, int32_t tagVid) {
+    auto tx = [this](size_t port, const uint8_t* f, size_t len, int32_t tagVid, const live::core::Offload* off) {
         fb::Bytes b(f, f + len);
-        if (tagVid >= 0)
+        Sent s;
+        s.port = port < portNames_.size() ? portNames_[port] : "?";
+        if (off) {
+            s.offloaded = true;
+            s.off = *off;
+        }
+        if (tagVid >= 0) {
             b = fb::addVlan(b, (uint16_t)tagVid);
+            if (off) {
+                s.off.csumStart = (uint16_t)(s.off.csumStart + 4);
+                if (s.off.hdrLen)
+                    s.off.hdrLen = (uint16_t)(s.off.hdrLen + 4);
+            }
+        }
+        s.frame = std::move(b);
         std::lock_guard<std::mutex> g(sentLock_);
-        sent_.push_back(Sent{port < portNames_.size() ? portNames_[port] : "?", std::move(b)});
+        auto it = failing_.find(s.port);
+        if (it != failing_.end() && it->second != 0)
+            return it->second;
+        sent_.push_back(std::move(s));
+        return 0;
     };
     ASSERT_TRUE(live::core::setUp(cfg, opt, tx, error)) << error;
 }
 
 void LiveTest::rx(const std::string& port, const fb::Bytes& frame, int32_t kernelTci)
 {
+    rxWith(port, frame, kernelTci, 0x8100, nullptr);
+}
+
+void LiveTest::rxWith(const std::string& port, const fb::Bytes& frame, int32_t kernelTci, uint16_t tpid,
+                      const live::core::Offload* off)
+{
     ::up handle = UP_INVALID;
     ASSERT_TRUE(swcfg::parsePortName(port, &handle)) << port;
     size_t i = live::core::portIndex(handle);
     ASSERT_NE(i, (size_t)-1) << port;
     fb::Bytes copy = frame;
-    live::core::receive(i, copy.data(), copy.size(), kernelTci);
+    live::core::receive(i, copy.data(), copy.size(), kernelTci, tpid, off);
+}
+
+void LiveTest::failSends(const std::string& port, int err)
+{
+    std::lock_guard<std::mutex> g(sentLock_);
+    failing_[port] = err;
 }
 
 std::vector<Sent> LiveTest::sent()

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,6 +17,8 @@
 struct Sent {
     std::string port;  // "1/0/3"
     fb::Bytes frame;   // as it left, tag included
+    bool offloaded = false;
+    live::core::Offload off;  // as the interface gets it: offsets with the tag
 };
 
 class LiveTest : public ::testing::Test {
@@ -29,6 +32,12 @@ protected:
 
     // One frame received on a port (by name); the bytes are copied.
     void rx(const std::string& port, const fb::Bytes& frame, int32_t kernelTci = -1);
+    // The same with the kernel's TPID of the stripped tag and its offload state.
+    void rxWith(const std::string& port, const fb::Bytes& frame, int32_t kernelTci, uint16_t tpid,
+                const live::core::Offload* off);
+
+    // The errno every later transmission to the port fails with (0: none).
+    void failSends(const std::string& port, int err);
 
     std::vector<Sent> sent();
     void clearSent();
@@ -50,6 +59,7 @@ private:
     std::mutex sentLock_;
     std::vector<Sent> sent_;
     std::vector<std::string> portNames_;
+    std::map<std::string, int> failing_;
 };
 
 // Waits (bounded, 5 s) until pred holds.

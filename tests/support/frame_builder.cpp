@@ -681,6 +681,17 @@ Bytes addVlan(const Bytes& frame, uint16_t vid, uint8_t pcp, uint16_t tpid) {
   return out;
 }
 
+Bytes snapOf(const Bytes& frame, uint32_t oui) {
+  need(frame, 0, 14);
+  Bytes out(frame.begin(), frame.begin() + 12);
+  put16(out, 0);
+  append(out, Bytes{0xaa, 0xaa, 0x03, static_cast<uint8_t>(oui >> 16), static_cast<uint8_t>(oui >> 8),
+                    static_cast<uint8_t>(oui)});
+  out.insert(out.end(), frame.begin() + 12, frame.end());
+  set16(out, 12, static_cast<uint16_t>(out.size() - 14));
+  return out;
+}
+
 // ---- Options of a frame on the wire -----------------------------------------
 
 std::vector<ParsedOption> parseOptions(const Bytes& buf, size_t begin, size_t end,

@@ -34,6 +34,8 @@ Bytes bytes(const std::string& s);
 
 constexpr uint16_t kEtherTypeIpv4 = 0x0800;
 constexpr uint16_t kTpid8021Q = 0x8100;
+constexpr uint16_t kTpid8021AD = 0x88a8;  // service (outer) tag of QinQ
+constexpr uint16_t kEtherTypeIpv6 = 0x86dd;
 constexpr uint8_t kProtoUdp = 17;
 constexpr uint16_t kPortServer = 67;
 constexpr uint16_t kPortClient = 68;
@@ -420,6 +422,9 @@ std::optional<uint16_t> vlanId(const Bytes& frame);
 Bytes stripVlan(const Bytes& frame);
 // Copy with a tag inserted after the source MAC.
 Bytes addVlan(const Bytes& frame, uint16_t vid, uint8_t pcp = 0, uint16_t tpid = kTpid8021Q);
+// Copy of an untagged Ethernet II frame as 802.3 LLC/SNAP (AA AA 03, the
+// given OUI, the EtherType), the length field counting everything after it.
+Bytes snapOf(const Bytes& ethernetII, uint32_t oui = 0);
 
 // ---- Options of a frame on the wire -----------------------------------------
 

@@ -272,7 +272,7 @@ void parseSwitch(Checker& c, const toml::table& t, uint32_t tableLine, SwitchCon
     const std::string p = "switch.";
     c.onlyKeys(t, p,
                {"unit", "mac", "snooping_vlans", "table_updates", "ip_filter", "arp_defend",
-                "debug", "debug_level"});
+                "drop_ipv6", "debug", "debug_level"});
     int64_t v;
     // One unit of a stack: unit numbers are 1 to 8.
     if (c.getInt(t, p, "unit", 1, 8, &v))
@@ -292,6 +292,7 @@ void parseSwitch(Checker& c, const toml::table& t, uint32_t tableLine, SwitchCon
     c.getBool(t, p, "table_updates", &cfg.tableUpdates);
     c.getBool(t, p, "ip_filter", &cfg.ipFilter);
     c.getBool(t, p, "arp_defend", &cfg.arpDefend);
+    c.getBool(t, p, "drop_ipv6", &cfg.dropIpv6);
     c.getBool(t, p, "debug", &cfg.debug);
     if (c.getInt(t, p, "debug_level", 0, 3, &v))
         cfg.debugLevel = (uint32_t)v;

@@ -50,6 +50,7 @@ struct SwitchConfig {
     bool tableUpdates = true;
     bool ipFilter = false;
     bool arpDefend = false;
+    bool dropIpv6 = false;       // IPv6 from untrusted ports of snooped VLANs (live only)
     bool debug = false;
     uint32_t debugLevel = 0;
     std::vector<PortConfig> ports;

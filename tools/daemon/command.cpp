@@ -277,12 +277,20 @@ std::string countersJson(const std::vector<live::PortCounters>& counters)
           << ",\"rx\":" << c.rxFrames << ",\"tx\":" << c.txFrames << ",\"trapped\":" << c.trapped
           << ",\"dhcp_forwarded\":" << c.dhcpForwarded << ",\"source_guard_dropped\":" << c.sourceGuardDropped
           << ",\"dropped\":{";
-        bool first = true;
-        for (const auto& d : c.dropped) {
-            o << (first ? "" : ",") << jsontext::quoted(d.first) << ":" << d.second;
-            first = false;
-        }
-        o << "}}";
+        auto map = [&o](const std::map<std::string, uint64_t>& m) {
+            bool first = true;
+            for (const auto& d : m) {
+                o << (first ? "" : ",") << jsontext::quoted(d.first) << ":" << d.second;
+                first = false;
+            }
+            o << "}";
+        };
+        map(c.dropped);
+        o << ",\"discarded\":{";
+        map(c.discarded);
+        o << ",\"tx_failed\":{";
+        map(c.txFailed);
+        o << ",\"fdb_not_learned\":" << c.fdbNotLearned << "}";
     }
     o << "]\n";
     return o.str();
@@ -308,6 +316,12 @@ std::string countersTable(const std::vector<live::PortCounters>& counters)
         out += line;
         for (const auto& d : c.dropped)
             out += "    dropped: " + d.first + ": " + std::to_string(d.second) + "\n";
+        for (const auto& d : c.discarded)
+            out += "    discarded: " + d.first + ": " + std::to_string(d.second) + "\n";
+        for (const auto& d : c.txFailed)
+            out += "    send failed: " + d.first + ": " + std::to_string(d.second) + "\n";
+        if (c.fdbNotLearned)
+            out += "    sources not learned (FDB share full): " + std::to_string(c.fdbNotLearned) + "\n";
     }
     return out;
 }

@@ -17,6 +17,7 @@
 
 #include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
+#include "platform/linux/trap_admission.h"
 #include "snooping/dhcpSnoop.h"
 
 #if defined(__has_feature)
@@ -73,9 +74,22 @@ struct PoolSlot {
     uint32_t delivered = 0;
 };
 
+// Frames the trap refused, by reason: plain counters, so a flood's drops
+// make nothing grow. Merged into the counters' reasons when read.
+enum TrapDrop { kTooLong, kPoolFull, kQueueFull, kPoliced, kQueueShare, kPendingRequests, kTrapDrops };
+const char* const kTrapDropText[kTrapDrops] = {
+    "frame too long for the packet pool",
+    "packet pool full",
+    "queue full",
+    live::trap::verdictText(live::trap::Verdict::Policer),
+    live::trap::verdictText(live::trap::Verdict::QueueShare),
+    live::trap::verdictText(live::trap::Verdict::PendingRequests),
+};
+
 struct PortState {
     swcfg::PortConfig cfg;
     PortCounters counters;
+    std::array<uint64_t, kTrapDrops> trapDrops{};
 };
 
 struct StackRegs {
@@ -121,6 +135,9 @@ struct Core {
 
     StackRegs stk;
     std::function<uint64_t()> clock;
+
+    // Who may put frames into the module's queue (under the lock).
+    live::trap::Admission admission;
 };
 
 // The unit and the number of ports and port channels, one word for the
@@ -438,6 +455,33 @@ uint64_t steadyMs()
         .count();
 }
 
+live::trap::Limits admissionLimits(const swcfg::SwitchConfig& cfg)
+{
+    live::trap::Limits l;
+    l.queueDepth = DHCP_SNOOP_QUEUE_DEPTH;
+    l.elementPool = DHCP_SNOOP_POOL_SIZE;
+    l.untrustedPorts = 0;
+    for (const auto& p : cfg.ports)
+        if (!p.trust)
+            ++l.untrustedPorts;
+    return l;
+}
+
+TrapDrop dropOf(live::trap::Verdict v)
+{
+    switch (v) {
+    case live::trap::Verdict::Policer:
+        return kPoliced;
+    case live::trap::Verdict::PendingRequests:
+        return kPendingRequests;
+    default:
+        return kQueueShare;
+    }
+}
+
+// A trapped frame reaches the module's queue only past the port's policer
+// and within its share of the queue; what frames may not take is left for
+// the timer and configuration messages.
 void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
 {
     DhcpSnoopMsg msg;
@@ -448,11 +492,18 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
             return;
         PortState& p = c.ports[rx];
         if (len > kPoolBufferSize) {
-            ++p.counters.dropped["frame too long for the packet pool"];
+            ++p.trapDrops[kTooLong];
+            return;
+        }
+        uint64_t now = c.clock ? c.clock() : steadyMs();
+        live::trap::Verdict v = c.admission.admit(rx, p.cfg.rate, now);
+        if (v != live::trap::Verdict::Admit) {
+            ++p.trapDrops[dropOf(v)];
             return;
         }
         if (c.freeSlots.empty()) {
-            ++p.counters.dropped["packet pool full"];
+            c.admission.released(rx);
+            ++p.trapDrops[kPoolFull];
             return;
         }
         uint32_t s = c.freeSlots.back();
@@ -486,7 +537,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         c.slots[s].inUse = false;
         LIVE_POISON(msg.packet.frame, kPoolBufferSize);
         c.freeSlots.push_back(s);
-        ++p.counters.dropped["queue full"];
+        c.admission.released(rx);
+        ++p.trapDrops[kQueueFull];
         return;
     }
     ++p.counters.trapped;
@@ -551,6 +603,7 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
         c.ports[i].counters.interface = cfg.ports[i].interface;
     }
     applyConfig(c, cfg);
+    c.admission.setUp(cfg.ports.size(), admissionLimits(cfg));
     c.haveFallbackMac = false;
     c.stk = StackRegs();
     if (!c.clock)
@@ -586,6 +639,7 @@ void tearDown()
     c.ports.clear();
     c.portOf.clear();
     c.records.clear();
+    c.admission.setUp(0, live::trap::Limits());
     c.tx.reset();
     c.cfg = swcfg::SwitchConfig();
     std::fill(c.snoopVlan.begin(), c.snoopVlan.end(), false);
@@ -626,6 +680,7 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
         }
     }
     applyConfig(c, cfg);
+    c.admission.relimit(admissionLimits(cfg));
     publishShape(c);
     // VLAN membership may have changed: learned places are learned again.
     fdbFlush(c);
@@ -645,8 +700,12 @@ std::vector<PortCounters> counters()
     Core& c = core();
     Guard g(c.lock);
     std::vector<PortCounters> out;
-    for (const auto& p : c.ports)
+    for (const auto& p : c.ports) {
         out.push_back(p.counters);
+        for (size_t k = 0; k < kTrapDrops; ++k)
+            if (p.trapDrops[k] != 0)
+                out.back().dropped[kTrapDropText[k]] += p.trapDrops[k];
+    }
     return out;
 }
 
@@ -1072,6 +1131,7 @@ void dhcpReleasePacketPool(uint8_t* frame)
     slot.inUse = false;
     LIVE_POISON(frame, live::core::kPoolBufferSize);
     c.freeSlots.push_back((uint32_t)s);
+    c.admission.released(slot.rxPort);
 }
 
 // ---- source guard -------------------------------------------------------------

@@ -94,6 +94,11 @@ std::string takeDropReason();
 // Clears the main task's lines without naming anything.
 void clearDropLines();
 
+// Events of the live platform itself, beside the module's system-log
+// entries: kept for `events` and sent to syslog(3) when asked.
+constexpr uint32_t kEventPendingRequests = 0x4C2F0001u;  // a port at its pending-request share
+void platformEvent(uint32_t code, const std::string& text);
+
 // Error lines to standard error with the operator's debug off: at most
 // `burst` a second, so that a flood of bad frames cannot flood the log.
 // allow() says whether a line at nowMs may be written; when a new second

@@ -127,6 +127,8 @@ void writeStderr(const char* text, size_t n, bool error)
     (void)w;
 }
 
+void storeEvent(uint32_t code, std::string text, int prio);
+
 uint64_t unixMs()
 {
     struct timeval tv;
@@ -309,17 +311,27 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
         snprintf(b, sizeof b, "system log code 0x%08X", (unsigned)code);
         text = b;
     }
+    storeEvent(code, std::move(text), prio);
+    return 0;
+}
+
+}  // extern "C"
+
+namespace {
+
+void storeEvent(uint32_t code, std::string text, int prio)
+{
     live::Event e;
     e.unixMs = unixMs();
     e.code = code;
-    e.text = text;
+    e.text = std::move(text);
     std::lock_guard<std::mutex> g(gEventsLock);
     if (gUseSyslog) {
         if (!gSyslogOpen) {
             openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
             gSyslogOpen = true;
         }
-        syslog(prio, "%s", text.c_str());
+        syslog(prio, "%s", e.text.c_str());
     }
     if (gEventsKept > 0) {
         auto& ring = eventRing();
@@ -327,10 +339,9 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
             ring.pop_front();
         ring.push_back(std::move(e));
     }
-    return 0;
 }
 
-}  // extern "C"
+}  // namespace
 
 namespace live {
 
@@ -346,6 +357,8 @@ std::vector<Event> events()
 namespace logging {
 
 void setSwitchInited(bool on) { gSwitchInited.store(on); }
+
+void platformEvent(uint32_t code, const std::string& text) { storeEvent(code, text, LOG_WARNING); }
 
 void configure(bool useSyslog, uint32_t eventsKept)
 {

@@ -90,7 +90,10 @@ struct PortState {
     swcfg::PortConfig cfg;
     PortCounters counters;
     std::array<uint64_t, kTrapDrops> trapDrops{};
+    bool pendingReported = false;  // the pending-request cap's event
+    uint64_t pendingReportedMs = 0;
 };
+constexpr uint64_t kPendingReportMs = 30000;
 
 struct StackRegs {
     StkUsoDataSyncSetCb setCb = nullptr;
@@ -484,6 +487,21 @@ TrapDrop dropOf(live::trap::Verdict v)
 // the timer and configuration messages.
 void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
 {
+    // An untrusted port's pending requests are counted in the module's
+    // table, without the core's lock.
+    bool capPending = false;
+    uint32_t pending = 0;
+    ::up handle = UP_INVALID;
+    {
+        Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size())
+            return;
+        handle = c.ports[rx].cfg.handle;
+        capPending = !c.ports[rx].cfg.trust;
+    }
+    if (capPending)
+        capPending = live::trap::pendingRequestsOf(handle, &pending);
+    std::string event;
     DhcpSnoopMsg msg;
     memset(&msg, 0, sizeof msg);
     {
@@ -496,35 +514,48 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
             return;
         }
         uint64_t now = c.clock ? c.clock() : steadyMs();
-        live::trap::Verdict v = c.admission.admit(rx, p.cfg.rate, now);
-        if (v != live::trap::Verdict::Admit) {
-            ++p.trapDrops[dropOf(v)];
-            return;
-        }
-        if (c.freeSlots.empty()) {
+        live::trap::Verdict v = c.admission.admit(rx, p.cfg.rate, now, capPending, pending);
+        if (v == live::trap::Verdict::Admit && c.freeSlots.empty()) {
             c.admission.released(rx);
             ++p.trapDrops[kPoolFull];
             return;
         }
-        uint32_t s = c.freeSlots.back();
-        c.freeSlots.pop_back();
-        PoolSlot& slot = c.slots[s];
-        slot = PoolSlot();
-        slot.inUse = true;
-        slot.rxPort = rx;
-        uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
-        LIVE_UNPOISON(buf, kPoolBufferSize);
-        memcpy(buf, f, len);
-        msg.type = DHCP_SNOOP_MSG_PACKET;
-        uint32_t w, b;
-        if (portBit(p.cfg.handle, &w, &b))
-            msg.packet.ports.word[w] |= 1u << b;
-        msg.packet.frame = buf;
-        msg.packet.frameLen = (uint32_t)len;
-        msg.packet.vid = vid;
-        // Which buffer a transmission belongs to, also when the module sends
-        // a rebuilt copy of the frame.
-        msg.packet.platformWord = s + 1;
+        if (v != live::trap::Verdict::Admit) {
+            ++p.trapDrops[dropOf(v)];
+            if (v != live::trap::Verdict::PendingRequests ||
+                (p.pendingReported && now - p.pendingReportedMs < kPendingReportMs))
+                return;
+            // Once per port, again after 30 s of it.
+            p.pendingReported = true;
+            p.pendingReportedMs = now;
+            event = "DHCP snooping: port " + p.cfg.name + " holds its share of " +
+                    std::to_string(c.admission.pendingShare()) +
+                    " pending requests; its DHCP frames are dropped until some are answered or age out";
+        } else {
+            uint32_t s = c.freeSlots.back();
+            c.freeSlots.pop_back();
+            PoolSlot& slot = c.slots[s];
+            slot = PoolSlot();
+            slot.inUse = true;
+            slot.rxPort = rx;
+            uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
+            LIVE_UNPOISON(buf, kPoolBufferSize);
+            memcpy(buf, f, len);
+            msg.type = DHCP_SNOOP_MSG_PACKET;
+            uint32_t w, b;
+            if (portBit(p.cfg.handle, &w, &b))
+                msg.packet.ports.word[w] |= 1u << b;
+            msg.packet.frame = buf;
+            msg.packet.frameLen = (uint32_t)len;
+            msg.packet.vid = vid;
+            // Which buffer a transmission belongs to, also when the module
+            // sends a rebuilt copy of the frame.
+            msg.packet.platformWord = s + 1;
+        }
+    }
+    if (!event.empty()) {
+        live::logging::platformEvent(live::logging::kEventPendingRequests, event);
+        return;
     }
     uint32_t rv = dhcpSnoopSendMsgToMainQueue(&msg, 0);
     Guard g(c.lock);

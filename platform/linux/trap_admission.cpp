@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "snooping/dhcpSnoopInternal.h"
+
 namespace live {
 namespace trap {
 
@@ -83,6 +85,24 @@ void Admission::released(size_t port)
         return;
     --ports_[port].held;
     --total_;
+}
+
+bool pendingRequestsOf(uint32_t portHandle, uint32_t* count)
+{
+    *count = 0;
+    if (requestTable == nullptr || upMutexId == nullptr)
+        return false;
+    // The module changes the links only under this lock.
+    if (pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER) != 0)
+        return false;
+    uint32_t n = 0;
+    for (uint32_t b = 0; b < DHCP_SNOOP_HASH_SIZE; ++b)
+        for (const DhcpSnoopElement* e = requestTable[b]; e != nullptr && n < DHCP_SNOOP_POOL_SIZE; e = e->next)
+            if (e->up == portHandle)
+                ++n;
+    pal_mutex_give_int(upMutexId);
+    *count = n;
+    return true;
 }
 
 }  // namespace trap

@@ -99,5 +99,10 @@ private:
     uint32_t total_ = 0;
 };
 
+// The requests the module holds pending for the port with this handle;
+// false when the module's tables are not there (the module not started).
+// Takes the module's table lock: never call it with another lock held.
+bool pendingRequestsOf(uint32_t portHandle, uint32_t* count);
+
 }  // namespace trap
 }  // namespace live

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "live_fixture.h"
+#include "platform/linux/trap_admission.h"
 #include "snooping/dhcpSnoopInternal.h"
 
 namespace {
@@ -215,6 +216,82 @@ TEST_F(Trap, ARateLoweredByAReloadTakesEffectAtOnce)
         drain();
     }
     EXPECT_EQ(counters("1/0/4").trapped, 1u + 2u);
+}
+
+}  // namespace
+
+// ---- the policy alone -------------------------------------------------------------
+
+namespace {
+
+TEST(TrapAdmission, PendingRequestsCountTheTablesAndTheFramesOnTheirWay)
+{
+    live::trap::Admission a;
+    live::trap::Limits l;
+    l.untrustedPorts = 2;
+    a.setUp(3, l);
+    EXPECT_EQ(a.pendingShare(), 256u) << "half the pool between the untrusted ports";
+    EXPECT_EQ(a.place(0, true, 254), live::trap::Verdict::Admit);
+    EXPECT_EQ(a.place(0, true, 255), live::trap::Verdict::PendingRequests)
+        << "255 filed and one on its way make the share";
+    EXPECT_EQ(a.place(0, false, 1000), live::trap::Verdict::Admit) << "a trusted port is not capped";
+    a.released(0);
+    a.released(0);
+    EXPECT_EQ(a.place(0, true, 255), live::trap::Verdict::Admit);
+    EXPECT_EQ(a.place(1, true, 256), live::trap::Verdict::PendingRequests);
+    a.released(0);
+    EXPECT_EQ(a.heldTotal(), 0u);
+    a.released(0);  // one release too many changes nothing
+    EXPECT_EQ(a.heldTotal(), 0u);
+}
+
+TEST(TrapAdmission, ManyUntrustedPortsStillGetTheMinimumShare)
+{
+    live::trap::Admission a;
+    live::trap::Limits l;
+    l.untrustedPorts = 64;
+    a.setUp(64, l);
+    EXPECT_EQ(a.pendingShare(), live::trap::kMinPendingShare);
+    l.untrustedPorts = 0;
+    a.relimit(l);
+    EXPECT_EQ(a.pendingShare(), 512u);
+}
+
+TEST(TrapAdmission, AFullQueueLeavesEachPortItsMinimumAndTheReserveUntouched)
+{
+    live::trap::Admission a;
+    live::trap::Limits l;
+    a.setUp(80, l);
+    EXPECT_EQ(a.frameRoom(), DHCP_SNOOP_QUEUE_DEPTH - live::trap::kControlReserve);
+    size_t admitted = 0;
+    for (int round = 0; round < 20; ++round)
+        for (size_t port = 0; port < 80; ++port)
+            if (a.place(port, false, 0) == live::trap::Verdict::Admit)
+                ++admitted;
+    EXPECT_EQ(admitted, a.frameRoom()) << "frames fill their room, never the reserve";
+    EXPECT_EQ(a.place(79, false, 0), live::trap::Verdict::QueueShare);
+    for (size_t port = 0; port < 80; ++port)
+        EXPECT_GE(a.held(port), 5u) << port;
+}
+
+TEST(TrapAdmission, APortOutOfRangeIsRefused)
+{
+    live::trap::Admission a;
+    a.setUp(2, live::trap::Limits());
+    EXPECT_FALSE(a.police(2, 0, 0));
+    EXPECT_EQ(a.place(2, false, 0), live::trap::Verdict::QueueShare);
+    EXPECT_EQ(a.heldTotal(), 0u);
+}
+
+TEST(TrapAdmission, AClockSetBackNeitherRefillsNorStalls)
+{
+    live::trap::Admission a;
+    a.setUp(1, live::trap::Limits());
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(a.police(0, 1, 10000));
+    EXPECT_FALSE(a.police(0, 1, 10000));
+    EXPECT_FALSE(a.police(0, 1, 5000)) << "back in time: nothing refilled";
+    EXPECT_TRUE(a.police(0, 1, 5500)) << "half a second later from there: one token";
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
 void setFallbackMac(const uint8_t mac[6]);
 
 std::vector<PortCounters> counters();
+Latency latency(bool clear);
 
 // Milliseconds of the monotonic clock the FDB ages by; tests replace it.
 uint64_t nowMs();

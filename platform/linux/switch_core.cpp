@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/common/port_text.h"
+#include "platform/linux/latency.h"
 #include "platform/linux/live_internal.h"
 #include "platform/linux/trap_admission.h"
 #include "snooping/dhcpSnoop.h"
@@ -72,6 +73,7 @@ struct PoolSlot {
     size_t rxPort = 0;
     uint32_t sends = 0;
     uint32_t delivered = 0;
+    uint64_t trapNs = 0;  // when the trap took the frame
 };
 
 // Frames the trap refused, by reason: plain counters, so a flood's drops
@@ -141,6 +143,8 @@ struct Core {
 
     // Who may put frames into the module's queue (under the lock).
     live::trap::Admission admission;
+    // Trap to first transmission of the frames the module sent on.
+    live::LatencyHistogram latency;
 };
 
 // The unit and the number of ports and port channels, one word for the
@@ -451,6 +455,13 @@ void applyConfig(Core& c, const swcfg::SwitchConfig& cfg)
         c.snoopVlan[v & 0xFFFu] = true;
 }
 
+uint64_t steadyNs()
+{
+    return (uint64_t)std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 uint64_t steadyMs()
 {
     return (uint64_t)std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -538,6 +549,7 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
             slot = PoolSlot();
             slot.inUse = true;
             slot.rxPort = rx;
+            slot.trapNs = steadyNs();
             uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
             LIVE_UNPOISON(buf, kPoolBufferSize);
             memcpy(buf, f, len);
@@ -635,6 +647,7 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
     }
     applyConfig(c, cfg);
     c.admission.setUp(cfg.ports.size(), admissionLimits(cfg));
+    c.latency.clear();
     c.haveFallbackMac = false;
     c.stk = StackRegs();
     if (!c.clock)
@@ -738,6 +751,20 @@ std::vector<PortCounters> counters()
                 out.back().dropped[kTrapDropText[k]] += p.trapDrops[k];
     }
     return out;
+}
+
+Latency latency(bool clear)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    Latency l;
+    l.frames = c.latency.count();
+    l.p50Us = (double)c.latency.quantileNs(0.50) / 1000.0;
+    l.p99Us = (double)c.latency.quantileNs(0.99) / 1000.0;
+    l.maxUs = (double)c.latency.maxNs() / 1000.0;
+    if (clear)
+        c.latency.clear();
+    return l;
 }
 
 uint64_t nowMs()
@@ -1119,6 +1146,8 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
                     out.add(c, i, vid);
         }
         if (slot) {
+            if (slot->sends == 0 && out.n > 0)
+                c.latency.record(live::core::steadyNs() - slot->trapNs);
             ++slot->sends;
             slot->delivered += (uint32_t)out.n;
         }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "live_fixture.h"
+#include "platform/linux/latency.h"
 #include "platform/linux/trap_admission.h"
 #include "snooping/dhcpSnoopInternal.h"
 
@@ -295,3 +296,62 @@ TEST(TrapAdmission, AClockSetBackNeitherRefillsNorStalls)
 }
 
 }  // namespace
+
+// ---- trap to transmit ------------------------------------------------------------
+
+namespace {
+
+TEST(TrapLatency, BucketsHoldTheirValuesWithinASixteenth)
+{
+    for (uint64_t v : {0ull, 1ull, 15ull, 16ull, 17ull, 100ull, 1000ull, 12345ull, 999999ull, 123456789ull}) {
+        size_t b = live::LatencyHistogram::bucketOf(v);
+        uint64_t up = live::LatencyHistogram::upperNs(b);
+        EXPECT_GT(up, v) << v;
+        EXPECT_LE(up - v, v / 16 + 1) << v;
+        if (b > 0) {
+            EXPECT_LE(live::LatencyHistogram::upperNs(b - 1), v) << v;
+        }
+    }
+}
+
+TEST(TrapLatency, PercentilesAndMaximum)
+{
+    live::LatencyHistogram h;
+    EXPECT_EQ(h.quantileNs(0.5), 0u);
+    for (int i = 0; i < 98; ++i)
+        h.record(20000);  // 20 us
+    h.record(500000);
+    h.record(3000000);
+    EXPECT_EQ(h.count(), 100u);
+    EXPECT_NEAR((double)h.quantileNs(0.50), 20000.0, 20000.0 / 16);
+    EXPECT_NEAR((double)h.quantileNs(0.99), 500000.0, 500000.0 / 16);
+    EXPECT_EQ(h.quantileNs(1.0), 3000000u);
+    EXPECT_EQ(h.maxNs(), 3000000u);
+    h.clear();
+    EXPECT_EQ(h.count(), 0u);
+}
+
+}  // namespace
+
+TEST_F(Trap, ASentFrameIsTimedOnceFromTheTrapToItsFirstTransmission)
+{
+    live::latency(true);
+    discovers("1/0/2", 2, 1);
+    discovers("1/0/3", 3, 1);
+    DhcpSnoopMsg m;
+    memset(&m, 0, sizeof m);
+    ASSERT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m);
+    m.packet.sendFlags = SEND_FLAG_TX | SEND_FLAG_FLOOD;
+    ASSERT_EQ(norvikPacketSend(&m.packet), 0u);
+    ASSERT_EQ(norvikPacketSend(&m.packet), 0u);  // a second copy is not timed again
+    dhcpReleasePacketPool(m.packet.frame);
+    live::Latency l = live::latency(false);
+    EXPECT_EQ(l.frames, 1u);
+    EXPECT_GT(l.maxUs, 0.0);
+    EXPECT_LE(l.p50Us, l.maxUs);
+    // The other frame is dropped by the module: not timed.
+    ASSERT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m);
+    dhcpReleasePacketPool(m.packet.frame);
+    EXPECT_EQ(live::latency(true).frames, 1u);
+    EXPECT_EQ(live::latency(false).frames, 0u);
+}

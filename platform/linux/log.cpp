@@ -37,6 +37,8 @@ bool gUseSyslog = false;
 bool gSyslogOpen = false;
 
 thread_local bool tMainTask = false;
+// The main task names the drops of the record in hand (see startMainRecord).
+thread_local bool tNameDrops = true;
 // Only the main task touches it.
 dropreason::Classifier& classifier()
 {
@@ -205,7 +207,7 @@ uint32_t debugFlagGet(uint32_t mid)
     // answer 2, which the module takes as "error lines only" (debug lines
     // need exactly 1), so their errors still reach standard error.
     (void)mid;
-    if (tMainTask || gDebug.load(std::memory_order_relaxed))
+    if ((tMainTask && tNameDrops) || gDebug.load(std::memory_order_relaxed))
         return 1;
     return 2;
 }
@@ -376,17 +378,34 @@ void clearEvents()
     eventRing().clear();
 }
 
-void setMainTask(bool on) { tMainTask = on; }
+void setMainTask(bool on)
+{
+    tMainTask = on;
+    tNameDrops = true;
+}
 bool onMainTask() { return tMainTask; }
+
+const char* const kUnnamedDrop = "dropped, not named (the main task was behind)";
 
 std::string takeDropReason()
 {
     std::string r = classifier().reason();
     classifier().clear();
+    if (!tNameDrops && r == "dropped")
+        return kUnnamedDrop;
     return r;
 }
 
 void clearDropLines() { classifier().clear(); }
+
+void startMainRecord(uint32_t backlog)
+{
+    classifier().clear();
+    if (tNameDrops && backlog >= kNamingOffBacklog)
+        tNameDrops = false;
+    else if (!tNameDrops && backlog <= kNamingOnBacklog)
+        tNameDrops = true;
+}
 
 }  // namespace logging
 }  // namespace live

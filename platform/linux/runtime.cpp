@@ -462,13 +462,14 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     q->consumerBusy = true;
     q->consumer = pthread_self();
     q->hasConsumer = true;
+    uint32_t backlog = q->count;
     lk.unlock();
     q->notFull.notify_one();
     if (word)
         *word = 0;
     // The main task's lines from here on are about this record only.
     if (live::logging::onMainTask())
-        live::logging::clearDropLines();
+        live::logging::startMainRecord(backlog);
     return (int32_t)n;
 }
 

@@ -1184,7 +1184,7 @@ void dhcpReleasePacketPool(uint8_t* frame)
     if (slot.delivered > 0) {
         ++pc.dhcpForwarded;
     } else {
-        if (reason == "dropped" && slot.sends > 0)
+        if ((reason == "dropped" || reason == live::logging::kUnnamedDrop) && slot.sends > 0)
             reason = "no egress port";
         ++pc.dropped[reason];
     }

@@ -98,6 +98,11 @@ Queue* queueOf(PalMsgQ q)
 constexpr size_t kOwedMax = 8;
 thread_local Queue* tOwed[kOwedMax];
 thread_local size_t tOwedCount = 0;
+// Records the main task took since it first owed a wake-up: a main task
+// that never waits (a lasting flood) still pays after this many, so a
+// save request is never held back for long.
+constexpr uint32_t kOwedRecordsMax = 32;
+thread_local uint32_t tOwedRecords = 0;
 
 bool oweWake(Queue* q)
 {
@@ -118,6 +123,7 @@ void payWakes()
     for (size_t i = 0; i < tOwedCount; ++i)
         tOwed[i]->notEmpty.notify_one();
     tOwedCount = 0;
+    tOwedRecords = 0;
 }
 
 // Waits on cv until ready, by the queue's wait rule: 0 = not at all,
@@ -468,8 +474,11 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     if (word)
         *word = 0;
     // The main task's lines from here on are about this record only.
-    if (live::logging::onMainTask())
+    if (live::logging::onMainTask()) {
         live::logging::startMainRecord(backlog);
+        if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
+            payWakes();
+    }
     return (int32_t)n;
 }
 

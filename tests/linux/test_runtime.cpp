@@ -378,7 +378,20 @@ TEST_F(Runtime, TheMainTasksPostsWakeTheirTaskWhenItWaitsOrTheQueueIsHalfFull)
         // Past half the queue the task is woken without the main task waiting.
         for (int i = 0; i < 6; ++i)
             EXPECT_EQ(pal_msgQ_send(c.q, &v, 1, 0, 0), 0);
-        EXPECT_TRUE(waitUntil([] { return c.taken.load() >= 8; })) << "woken at half the queue";
+        EXPECT_TRUE(waitUntil([] { return c.taken.load() == 8; })) << "woken at half the queue";
+
+        // A main task that never waits (a lasting flood) still pays after
+        // 32 records of its own.
+        EXPECT_EQ(pal_msgQ_send(c.q, &v, 1, 0, 0), 0);
+        for (int i = 0; i < 31; ++i) {
+            ASSERT_EQ(pal_msgQ_send(own, &v, 1, 0, 0), 0);
+            ASSERT_EQ(pal_msgQ_receive(own, &v, 1, 0, nullptr), 1);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(c.taken.load(), 8) << "still owed after 31 records";
+        ASSERT_EQ(pal_msgQ_send(own, &v, 1, 0, 0), 0);
+        ASSERT_EQ(pal_msgQ_receive(own, &v, 1, 0, nullptr), 1);
+        EXPECT_TRUE(waitUntil([] { return c.taken.load() == 9; })) << "paid at the 32nd";
         live::logging::setMainTask(false);
     });
     main.join();

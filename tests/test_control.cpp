@@ -156,8 +156,8 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency)"},
     };
     for (const Case& c : cases) {
         Command cmd;
@@ -296,6 +296,8 @@ struct FakeBackend {
     uint32_t levelResult = 0;
     std::vector<live::PortCounters> counters;
     std::vector<live::Event> events;
+    live::Latency latency;
+    std::vector<bool> latencyClears;
 
     ctl::Backend backend()
     {
@@ -323,6 +325,10 @@ struct FakeBackend {
         };
         b.counters = [this] { return counters; };
         b.events = [this] { return events; };
+        b.latency = [this](bool clear) {
+            latencyClears.push_back(clear);
+            return latency;
+        };
         return b;
     }
 };
@@ -356,6 +362,30 @@ TEST(ControlCommands, DeleteOfAnUnknownBindingIsRefusedAndNotPosted)
     r = ctl::runCommand({"bindings"}, f.backend());
     EXPECT_FALSE(r.ok);
     EXPECT_EQ(r.body, "bindings: no snapshot");
+}
+
+TEST(ControlCommands, LatencyAsJsonOrALineAndClearedOnRequest)
+{
+    FakeBackend f;
+    Reply r = ctl::runCommand({"latency"}, f.backend());
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(r.body, "no trapped frame sent on yet\n");
+    f.latency.frames = 12;
+    f.latency.p50Us = 21.5;
+    f.latency.p99Us = 118;
+    f.latency.maxUs = 2301.94;
+    r = ctl::runCommand({"latency", "--json", "--clear"}, f.backend());
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(r.body, "{\"frames\":12,\"p50_us\":21.5,\"p99_us\":118.0,\"max_us\":2301.9}\n");
+    r = ctl::runCommand({"latency", "--clear"}, f.backend());
+    EXPECT_EQ(r.body, "trap to transmit, 12 frames: p50 21.5 us, p99 118.0 us, max 2301.9 us\n");
+    EXPECT_EQ(f.latencyClears, (std::vector<bool>{false, true, true}));
+    for (auto words : {std::vector<std::string>{"latency", "--json", "--json"},
+                       std::vector<std::string>{"latency", "now"}}) {
+        r = ctl::runCommand(words, f.backend());
+        EXPECT_FALSE(r.ok);
+        EXPECT_EQ(r.body, "latency: usage: latency [--json] [--clear]");
+    }
 }
 
 TEST(ControlCommands, DebugLevelSetIsFlagZeroClearIsFlagOne)
@@ -621,7 +651,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());

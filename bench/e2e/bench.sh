@@ -170,6 +170,9 @@ EOF
   done
 }
 
+# The daemon's own trap-to-transmit histogram (dhcpsnoopctl latency).
+latency() { [ -n "$ctl" ] && "$ctl" --control "$work/ctl.sock" latency "$@" 2>&1 || echo "(no dhcpsnoopctl latency)"; }
+
 vmrss() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status" 2>/dev/null || echo 0; }
 
 # perfdhcp RUN ARGS...: its report in $work/RUN.txt.
@@ -209,13 +212,16 @@ measure() {
   echo "== $mode: topology"
   topology "$mode"
   [ "$mode" = daemon ] && fig[daemon.rss0]=$(vmrss "$daemon_pid")
+  [ "$mode" = daemon ] && latency --clear >/dev/null
   echo "== $mode: perfdhcp, $clients clients, $seconds s as fast as it can"
   perf "$mode-max"
   [ "$mode" = daemon ] && fig[daemon.rss1]=$(vmrss "$daemon_pid")
+  [ "$mode" = daemon ] && latency --clear >"$work/latency-max.txt"
   echo "== $mode: perfdhcp, 50 exchanges a second, $seconds s"
   perf "$mode-lat" -r 50
   if [ "$mode" = daemon ]; then
     fig[daemon.rss2]=$(vmrss "$daemon_pid")
+    latency >"$work/latency-lat.txt"
     if [ -n "$ctl" ]; then
       "$ctl" --control "$work/ctl.sock" counters >"$work/counters.txt" 2>&1 || true
     else
@@ -264,6 +270,8 @@ if [ -n "$daemon" ]; then
   printf 'dhcpsnoopd VmRSS: %s kB before the load, %s kB after the full-speed run, %s kB at the end (end / after full speed: %s)\n' \
     "${fig[daemon.rss0]}" "${fig[daemon.rss1]}" "${fig[daemon.rss2]}" \
     "$(awk -v a="${fig[daemon.rss1]}" -v b="${fig[daemon.rss2]}" 'BEGIN { if (a > 0) printf "%.2f", b / a; else print "-" }')"
+  echo "dhcpsnoopd trap to transmit, as fast as possible: $(cat "$work/latency-max.txt")"
+  echo "dhcpsnoopd trap to transmit, 50/s offered:        $(cat "$work/latency-lat.txt")"
   echo "== dhcpsnoopctl counters after the runs"
   cat "$work/counters.txt"
 else

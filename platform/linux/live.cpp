@@ -494,4 +494,6 @@ bool saveIdle()
 
 std::vector<PortCounters> counters() { return core::counters(); }
 
+Latency latency(bool clear) { return core::latency(clear); }
+
 }  // namespace live

@@ -72,6 +72,17 @@ struct Event {
 };
 std::vector<Event> events();  // oldest first
 
+// Trapped frames from the trap to their first transmission by the module,
+// in microseconds; frames the module dropped are not counted.
+struct Latency {
+    uint64_t frames = 0;
+    double p50Us = 0;
+    double p99Us = 0;
+    double maxUs = 0;
+};
+// clear: start counting again after this read.
+Latency latency(bool clear = false);
+
 void setDebug(bool on);
 bool debug();
 

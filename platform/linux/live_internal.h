@@ -68,6 +68,7 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
 void setFallbackMac(const uint8_t mac[6]);
 
 std::vector<PortCounters> counters();
+Latency latency(bool clear);
 
 // Milliseconds of the monotonic clock the FDB ages by; tests replace it.
 uint64_t nowMs();
@@ -124,6 +125,20 @@ bool onMainTask();
 std::string takeDropReason();
 // Clears the main task's lines without naming anything.
 void clearDropLines();
+// The main task took a record with backlog others still waiting: its lines
+// start afresh. With the operator's debug off, the module composes its
+// debug lines only to name drops; while the main task is far behind (from
+// kNamingOffBacklog records until it is back at kNamingOnBacklog) it is
+// spared that work, and a frame it drops is counted as kUnnamedDrop.
+void startMainRecord(uint32_t backlog);
+constexpr uint32_t kNamingOffBacklog = 64;
+constexpr uint32_t kNamingOnBacklog = 16;
+extern const char* const kUnnamedDrop;
+
+// Events of the live platform itself, beside the module's system-log
+// entries: kept for `events` and sent to syslog(3) when asked.
+constexpr uint32_t kEventPendingRequests = 0x4C2F0001u;  // a port at its pending-request share
+void platformEvent(uint32_t code, const std::string& text);
 
 // Error lines to standard error with the operator's debug off: at most
 // `burst` a second, so that a flood of bad frames cannot flood the log.

@@ -37,6 +37,8 @@ bool gUseSyslog = false;
 bool gSyslogOpen = false;
 
 thread_local bool tMainTask = false;
+// The main task names the drops of the record in hand (see startMainRecord).
+thread_local bool tNameDrops = true;
 // Only the main task touches it.
 dropreason::Classifier& classifier()
 {
@@ -127,6 +129,8 @@ void writeStderr(const char* text, size_t n, bool error)
     (void)w;
 }
 
+void storeEvent(uint32_t code, std::string text, int prio);
+
 uint64_t unixMs()
 {
     struct timeval tv;
@@ -203,7 +207,7 @@ uint32_t debugFlagGet(uint32_t mid)
     // answer 2, which the module takes as "error lines only" (debug lines
     // need exactly 1), so their errors still reach standard error.
     (void)mid;
-    if (tMainTask || gDebug.load(std::memory_order_relaxed))
+    if ((tMainTask && tNameDrops) || gDebug.load(std::memory_order_relaxed))
         return 1;
     return 2;
 }
@@ -309,17 +313,27 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
         snprintf(b, sizeof b, "system log code 0x%08X", (unsigned)code);
         text = b;
     }
+    storeEvent(code, std::move(text), prio);
+    return 0;
+}
+
+}  // extern "C"
+
+namespace {
+
+void storeEvent(uint32_t code, std::string text, int prio)
+{
     live::Event e;
     e.unixMs = unixMs();
     e.code = code;
-    e.text = text;
+    e.text = std::move(text);
     std::lock_guard<std::mutex> g(gEventsLock);
     if (gUseSyslog) {
         if (!gSyslogOpen) {
             openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
             gSyslogOpen = true;
         }
-        syslog(prio, "%s", text.c_str());
+        syslog(prio, "%s", e.text.c_str());
     }
     if (gEventsKept > 0) {
         auto& ring = eventRing();
@@ -327,10 +341,9 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
             ring.pop_front();
         ring.push_back(std::move(e));
     }
-    return 0;
 }
 
-}  // extern "C"
+}  // namespace
 
 namespace live {
 
@@ -346,6 +359,8 @@ std::vector<Event> events()
 namespace logging {
 
 void setSwitchInited(bool on) { gSwitchInited.store(on); }
+
+void platformEvent(uint32_t code, const std::string& text) { storeEvent(code, text, LOG_WARNING); }
 
 void configure(bool useSyslog, uint32_t eventsKept)
 {
@@ -386,17 +401,34 @@ void clearEvents()
     eventRing().clear();
 }
 
-void setMainTask(bool on) { tMainTask = on; }
+void setMainTask(bool on)
+{
+    tMainTask = on;
+    tNameDrops = true;
+}
 bool onMainTask() { return tMainTask; }
+
+const char* const kUnnamedDrop = "dropped, not named (the main task was behind)";
 
 std::string takeDropReason()
 {
     std::string r = classifier().reason();
     classifier().clear();
+    if (!tNameDrops && r == "dropped")
+        return kUnnamedDrop;
     return r;
 }
 
 void clearDropLines() { classifier().clear(); }
+
+void startMainRecord(uint32_t backlog)
+{
+    classifier().clear();
+    if (tNameDrops && backlog >= kNamingOffBacklog)
+        tNameDrops = false;
+    else if (!tNameDrops && backlog <= kNamingOnBacklog)
+        tNameDrops = true;
+}
 
 }  // namespace logging
 }  // namespace live

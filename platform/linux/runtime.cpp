@@ -89,6 +89,43 @@ Queue* queueOf(PalMsgQ q)
     return gQueueTable[(size_t)q - 1].load(std::memory_order_acquire);
 }
 
+// ---- wake-ups the main task owes ----
+// The module's main task posts to the queues of other tasks (an FDB
+// look-up for every frame, save requests). Waking such a task at once
+// would take the processor from the frame in hand, once per frame: the
+// wake-up is owed until the main task waits itself (its queue is empty),
+// or the queue is half full. Other threads wake at once.
+constexpr size_t kOwedMax = 8;
+thread_local Queue* tOwed[kOwedMax];
+thread_local size_t tOwedCount = 0;
+// Records the main task took since it first owed a wake-up: a main task
+// that never waits (a lasting flood) still pays after this many, so a
+// save request is never held back for long.
+constexpr uint32_t kOwedRecordsMax = 32;
+thread_local uint32_t tOwedRecords = 0;
+
+bool oweWake(Queue* q)
+{
+    if (!live::logging::onMainTask())
+        return false;
+    for (size_t i = 0; i < tOwedCount; ++i)
+        if (tOwed[i] == q)
+            return true;
+    if (tOwedCount == kOwedMax)
+        return false;
+    tOwed[tOwedCount++] = q;
+    return true;
+}
+
+// Before the calling task waits for anything.
+void payWakes()
+{
+    for (size_t i = 0; i < tOwedCount; ++i)
+        tOwed[i]->notEmpty.notify_one();
+    tOwedCount = 0;
+    tOwedRecords = 0;
+}
+
 // Waits on cv until ready, by the queue's wait rule: 0 = not at all,
 // PAL_WAIT_FOREVER = without limit, else milliseconds.
 template <typename Pred>
@@ -215,6 +252,7 @@ void* threadMain(void* p)
     if (t->name == DHCP_SNOOP_TASK_NAME)
         live::logging::setMainTask(true);
     t->entry(t->arg);
+    payWakes();
     // A task that ended (the save task after a failed save) works on nothing.
     live::runtime::consumerEnded(pthread_self());
     return nullptr;
@@ -325,6 +363,11 @@ int32_t pal_mutex_take_int(PalMutex* m, int32_t timeout)
     if (!m)
         return -1;
     std::unique_lock<std::mutex> lk(m->m);
+    if (m->locked && !m->destroyed && timeout != 0 && tOwedCount > 0) {
+        lk.unlock();
+        payWakes();
+        lk.lock();
+    }
     if (!waitFor(m->cv, lk, timeout, [m] { return !m->locked || m->destroyed; }))
         return -1;
     if (m->destroyed)
@@ -379,6 +422,11 @@ int32_t pal_msgQ_send(PalMsgQ handle, const void* buffer, uint32_t size, int32_t
     if (!q || size > q->recordSize || (size > 0 && !buffer))
         return -1;
     std::unique_lock<std::mutex> lk(q->m);
+    if (q->count >= q->depth && wait != 0 && tOwedCount > 0) {
+        lk.unlock();
+        payWakes();
+        lk.lock();
+    }
     if (!waitFor(q->notFull, lk, wait, [q] { return q->count < q->depth; }))
         return -1;
     uint8_t* rec = &q->ring[(size_t)((q->head + q->count) % q->depth) * q->recordSize];
@@ -387,8 +435,10 @@ int32_t pal_msgQ_send(PalMsgQ handle, const void* buffer, uint32_t size, int32_t
     // The rest of a short record is zero, never an older record's bytes.
     memset(rec + size, 0, q->recordSize - size);
     ++q->count;
+    bool wakeNow = q->count * 2 > q->depth || !(q->hasConsumer && !pthread_equal(q->consumer, pthread_self()));
     lk.unlock();
-    q->notEmpty.notify_one();
+    if (wakeNow || !oweWake(q))
+        q->notEmpty.notify_one();
     return 0;
 }
 
@@ -402,6 +452,12 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
         return -1;
     std::unique_lock<std::mutex> lk(q->m);
     q->consumerBusy = false;
+    if (q->count == 0 && wait != 0 && tOwedCount > 0) {
+        // About to wait: the tasks this one posted to run now.
+        lk.unlock();
+        payWakes();
+        lk.lock();
+    }
     if (!waitFor(q->notEmpty, lk, wait, [q] { return q->count > 0; }))
         return -1;
     const uint8_t* rec = &q->ring[(size_t)q->head * q->recordSize];
@@ -412,13 +468,17 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     q->consumerBusy = true;
     q->consumer = pthread_self();
     q->hasConsumer = true;
+    uint32_t backlog = q->count;
     lk.unlock();
     q->notFull.notify_one();
     if (word)
         *word = 0;
     // The main task's lines from here on are about this record only.
-    if (live::logging::onMainTask())
-        live::logging::clearDropLines();
+    if (live::logging::onMainTask()) {
+        live::logging::startMainRecord(backlog);
+        if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
+            payWakes();
+    }
     return (int32_t)n;
 }
 
@@ -464,6 +524,7 @@ void pal_thread_destroy(PalThread* t)
 
 void pal_sleep(uint32_t ms)
 {
+    payWakes();
     struct timespec ts;
     ts.tv_sec = ms / 1000u;
     ts.tv_nsec = (long)(ms % 1000u) * 1000000L;

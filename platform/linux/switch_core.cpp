@@ -20,7 +20,9 @@
 
 #include "platform/common/port_index.h"
 #include "platform/common/port_text.h"
+#include "platform/linux/latency.h"
 #include "platform/linux/live_internal.h"
+#include "platform/linux/trap_admission.h"
 #include "snooping/dhcpSnoop.h"
 
 #if defined(__has_feature)
@@ -80,12 +82,29 @@ struct PoolSlot {
     uint32_t sends = 0;
     uint32_t delivered = 0;
     uint16_t vid = 0;  // of the module's sends: the VLAN its source is learned in
+    uint64_t trapNs = 0;  // when the trap took the frame
+};
+
+// Frames the trap refused, by reason: plain counters, so a flood's drops
+// make nothing grow. Merged into the counters' reasons when read.
+enum TrapDrop { kTooLong, kPoolFull, kQueueFull, kPoliced, kQueueShare, kPendingRequests, kTrapDrops };
+const char* const kTrapDropText[kTrapDrops] = {
+    "frame too long for the packet pool",
+    "packet pool full",
+    "queue full",
+    live::trap::verdictText(live::trap::Verdict::Policer),
+    live::trap::verdictText(live::trap::Verdict::QueueShare),
+    live::trap::verdictText(live::trap::Verdict::PendingRequests),
 };
 
 struct PortState {
     swcfg::PortConfig cfg;
     PortCounters counters;
+    std::array<uint64_t, kTrapDrops> trapDrops{};
+    bool pendingReported = false;  // the pending-request cap's event
+    uint64_t pendingReportedMs = 0;
 };
+constexpr uint64_t kPendingReportMs = 30000;
 
 struct StackRegs {
     StkUsoDataSyncSetCb setCb = nullptr;
@@ -132,6 +151,11 @@ struct Core {
 
     StackRegs stk;
     std::function<uint64_t()> clock;
+
+    // Who may put frames into the module's queue (under the lock).
+    live::trap::Admission admission;
+    // Trap to first transmission of the frames the module sent on.
+    live::LatencyHistogram latency;
 };
 
 // The unit and the number of ports and port channels, one word for the
@@ -602,6 +626,13 @@ void applyConfig(Core& c, const swcfg::SwitchConfig& cfg)
         c.snoopVlan[v & 0xFFFu] = true;
 }
 
+uint64_t steadyNs()
+{
+    return (uint64_t)std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 uint64_t steadyMs()
 {
     return (uint64_t)std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -609,8 +640,50 @@ uint64_t steadyMs()
         .count();
 }
 
+live::trap::Limits admissionLimits(const swcfg::SwitchConfig& cfg)
+{
+    live::trap::Limits l;
+    l.queueDepth = DHCP_SNOOP_QUEUE_DEPTH;
+    l.elementPool = DHCP_SNOOP_POOL_SIZE;
+    l.untrustedPorts = 0;
+    for (const auto& p : cfg.ports)
+        if (!p.trust)
+            ++l.untrustedPorts;
+    return l;
+}
+
+TrapDrop dropOf(live::trap::Verdict v)
+{
+    switch (v) {
+    case live::trap::Verdict::Policer:
+        return kPoliced;
+    case live::trap::Verdict::PendingRequests:
+        return kPendingRequests;
+    default:
+        return kQueueShare;
+    }
+}
+
+// A trapped frame reaches the module's queue only past the port's policer
+// and within its share of the queue; what frames may not take is left for
+// the timer and configuration messages.
 void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
 {
+    // An untrusted port's pending requests are counted in the module's
+    // table, without the core's lock.
+    bool capPending = false;
+    uint32_t pending = 0;
+    ::up handle = UP_INVALID;
+    {
+        Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size())
+            return;
+        handle = c.ports[rx].cfg.handle;
+        capPending = !c.ports[rx].cfg.trust;
+    }
+    if (capPending)
+        capPending = live::trap::pendingRequestsOf(handle, &pending);
+    std::string event;
     DhcpSnoopMsg msg;
     memset(&msg, 0, sizeof msg);
     {
@@ -619,32 +692,53 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
             return;
         PortState& p = c.ports[rx];
         if (len > kPoolBufferSize) {
-            ++p.counters.dropped["frame too long for the packet pool"];
+            ++p.trapDrops[kTooLong];
             return;
         }
-        if (c.freeSlots.empty()) {
-            ++p.counters.dropped["packet pool full"];
+        uint64_t now = c.clock ? c.clock() : steadyMs();
+        live::trap::Verdict v = c.admission.admit(rx, p.cfg.rate, now, capPending, pending);
+        if (v == live::trap::Verdict::Admit && c.freeSlots.empty()) {
+            c.admission.released(rx);
+            ++p.trapDrops[kPoolFull];
             return;
         }
-        uint32_t s = c.freeSlots.back();
-        c.freeSlots.pop_back();
-        PoolSlot& slot = c.slots[s];
-        slot = PoolSlot();
-        slot.inUse = true;
-        slot.rxPort = rx;
-        uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
-        LIVE_UNPOISON(buf, kPoolBufferSize);
-        memcpy(buf, f, len);
-        msg.type = DHCP_SNOOP_MSG_PACKET;
-        uint32_t w, b;
-        if (portBit(p.cfg.handle, &w, &b))
-            msg.packet.ports.word[w] |= 1u << b;
-        msg.packet.frame = buf;
-        msg.packet.frameLen = (uint32_t)len;
-        msg.packet.vid = vid;
-        // Which buffer a transmission belongs to, also when the module sends
-        // a rebuilt copy of the frame.
-        msg.packet.platformWord = s + 1;
+        if (v != live::trap::Verdict::Admit) {
+            ++p.trapDrops[dropOf(v)];
+            if (v != live::trap::Verdict::PendingRequests ||
+                (p.pendingReported && now - p.pendingReportedMs < kPendingReportMs))
+                return;
+            // Once per port, again after 30 s of it.
+            p.pendingReported = true;
+            p.pendingReportedMs = now;
+            event = "DHCP snooping: port " + p.cfg.name + " holds its share of " +
+                    std::to_string(c.admission.pendingShare()) +
+                    " pending requests; its DHCP frames are dropped until some are answered or age out";
+        } else {
+            uint32_t s = c.freeSlots.back();
+            c.freeSlots.pop_back();
+            PoolSlot& slot = c.slots[s];
+            slot = PoolSlot();
+            slot.inUse = true;
+            slot.rxPort = rx;
+            slot.trapNs = steadyNs();
+            uint8_t* buf = c.pool + (size_t)s * kPoolBufferSize;
+            LIVE_UNPOISON(buf, kPoolBufferSize);
+            memcpy(buf, f, len);
+            msg.type = DHCP_SNOOP_MSG_PACKET;
+            uint32_t w, b;
+            if (portBit(p.cfg.handle, &w, &b))
+                msg.packet.ports.word[w] |= 1u << b;
+            msg.packet.frame = buf;
+            msg.packet.frameLen = (uint32_t)len;
+            msg.packet.vid = vid;
+            // Which buffer a transmission belongs to, also when the module
+            // sends a rebuilt copy of the frame.
+            msg.packet.platformWord = s + 1;
+        }
+    }
+    if (!event.empty()) {
+        live::logging::platformEvent(live::logging::kEventPendingRequests, event);
+        return;
     }
     uint32_t rv = dhcpSnoopSendMsgToMainQueue(&msg, 0);
     Guard g(c.lock);
@@ -657,7 +751,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         c.slots[s].inUse = false;
         LIVE_POISON(msg.packet.frame, kPoolBufferSize);
         c.freeSlots.push_back(s);
-        ++p.counters.dropped["queue full"];
+        c.admission.released(rx);
+        ++p.trapDrops[kQueueFull];
         return;
     }
     ++p.counters.trapped;
@@ -728,6 +823,8 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
         c.ports[i].counters.interface = cfg.ports[i].interface;
     }
     applyConfig(c, cfg);
+    c.admission.setUp(cfg.ports.size(), admissionLimits(cfg));
+    c.latency.clear();
     c.haveFallbackMac = false;
     c.stk = StackRegs();
     if (!c.clock)
@@ -764,6 +861,7 @@ void tearDown()
     c.ports.clear();
     c.portOf.clear();
     c.records.clear();
+    c.admission.setUp(0, live::trap::Limits());
     c.tx.reset();
     c.cfg = swcfg::SwitchConfig();
     std::fill(c.snoopVlan.begin(), c.snoopVlan.end(), false);
@@ -804,6 +902,7 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
         }
     }
     applyConfig(c, cfg);
+    c.admission.relimit(admissionLimits(cfg));
     publishShape(c);
     // VLAN membership may have changed: learned places are learned again.
     fdbFlush(c);
@@ -823,9 +922,27 @@ std::vector<PortCounters> counters()
     Core& c = core();
     Guard g(c.lock);
     std::vector<PortCounters> out;
-    for (const auto& p : c.ports)
+    for (const auto& p : c.ports) {
         out.push_back(p.counters);
+        for (size_t k = 0; k < kTrapDrops; ++k)
+            if (p.trapDrops[k] != 0)
+                out.back().dropped[kTrapDropText[k]] += p.trapDrops[k];
+    }
     return out;
+}
+
+Latency latency(bool clear)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    Latency l;
+    l.frames = c.latency.count();
+    l.p50Us = (double)c.latency.quantileNs(0.50) / 1000.0;
+    l.p99Us = (double)c.latency.quantileNs(0.99) / 1000.0;
+    l.maxUs = (double)c.latency.maxNs() / 1000.0;
+    if (clear)
+        c.latency.clear();
+    return l;
 }
 
 uint64_t nowMs()
@@ -1266,6 +1383,8 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
                     out.add(c, i, vid);
         }
         if (slot) {
+            if (slot->sends == 0 && out.n > 0)
+                c.latency.record(live::core::steadyNs() - slot->trapNs);
             ++slot->sends;
             slot->vid = vid;
         }
@@ -1317,13 +1436,14 @@ void dhcpReleasePacketPool(uint8_t* frame)
                               live::core::fdbFind(c, frame + 6, slot.vid) == live::core::kNone))
             live::core::fdbLearn(c, frame + 6, slot.vid, slot.rxPort);
     } else {
-        if (reason == "dropped" && slot.sends > 0)
+        if ((reason == "dropped" || reason == live::logging::kUnnamedDrop) && slot.sends > 0)
             reason = "no egress port";
         ++pc.dropped[reason];
     }
     slot.inUse = false;
     LIVE_POISON(frame, live::core::kPoolBufferSize);
     c.freeSlots.push_back((uint32_t)s);
+    c.admission.released(slot.rxPort);
 }
 
 // ---- source guard -------------------------------------------------------------

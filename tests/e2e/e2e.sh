@@ -23,7 +23,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# flood trap-flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -50,10 +50,10 @@ done
 if [ "$mode" = daemon ]; then
   [ -x "$daemon" ] && [ -x "$ctl" ] || { echo "e2e: $daemon or $ctl is not an executable" >&2; exit 1; }
 fi
-steps_all=(leases bindings binding-file option82 tagged source-guard flood restart release control reload errors)
+steps_all=(leases bindings binding-file option82 tagged source-guard flood trap-flood restart release control reload errors)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|flood|control|reload|errors)
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|flood|trap-flood|control|reload|errors)
     run_steps=("$step") ;;
   *) usage ;;
 esac
@@ -586,9 +586,67 @@ step_flood() {
     same "$("${tool[@]}" rate-events "$work/events.json" 1/0/3)" 1
   check "and none for 1/0/4" same "$("${tool[@]}" rate-events "$work/events.json" 1/0/4)" 0
   # Most of the excess, not all of it: a frame the switch could not even
-  # trap (pool or queue full) is counted under its own reason.
-  check "port 1/0/3 counts the dropped DISCOVERs under \"rate limit\"" \
-    at_least "$(counter 1/0/3 dropped "rate limit")" $(((sent - passed) * 3 / 4))
+  # trap (pool or queue full) is counted under its own reason. The trap's
+  # policer takes what is over twice the rate before the module counts.
+  check "port 1/0/3 counts the dropped DISCOVERs under \"rate limit\" and \"trap policer\"" \
+    at_least "$(counter 1/0/3 dropped "rate limit" "trap policer")" $(((sent - passed) * 3 / 4))
+}
+
+lease_of() { ctl_cmd bindings --json >"$work/bindings.json" && "${tool[@]}" binding-lease "$work/bindings.json" "$1"; }
+# lease_counted_down BEFORE AFTER SECONDS: the lease ran down by about SECONDS.
+lease_counted_down() { [ "$1" != infinite ] && [ $(($1 - $2)) -ge $(($3 - 3)) ]; }
+
+step_trap_flood() {
+  # Ten times client A's rate (20 a second) from A's port for 34 s, longer
+  # than the 30 s after which the port's overflow is logged again. A
+  # client on another port meanwhile takes a lease as fast as it would
+  # without the flood, and the one-second tick goes on ageing bindings.
+  local mac_f=02:00:c6:12:00:aa seconds=34 rate=200 t0 t1 lease0="" lease1 start took
+  if [ "$mode" = daemon ]; then
+    lease0=$(until_ok 5 lease_of "$mac_b")
+  fi
+  t0=$(date +%s)
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_f" $((seconds * rate)) $rate f1a0 >"$work/trap-flood.out" &
+  local flood_pid=$!
+  pids+=("$flood_pid")
+  sleep 3
+  # A fresh client of B's port, with a MAC of its own (a macvlan on B's
+  # interface), so nothing of B's lease helps it.
+  ip -n "$ns_b" link add fresh link eth0 address 02:00:c6:12:00:bb type macvlan mode bridge
+  ip -n "$ns_b" link set fresh up
+  in_ns "$ns_b" ethtool -K fresh tx off >/dev/null 2>&1
+  printf '#!/bin/sh\nexit 0\n' >"$work/noop.sh"; chmod +x "$work/noop.sh"
+  start=$(date +%s.%N)
+  ip netns exec "$ns_b" busybox udhcpc -n -q -f -i fresh -s "$work/noop.sh" -t 3 -T 2 \
+    >"$work/udhcpc-fresh.log" 2>&1 &
+  local probe=$!
+  wait "$probe"; local probe_rc=$?
+  took=$(awk -v s="$start" -v e="$(date +%s.%N)" 'BEGIN { printf "%.2f", e - s }')
+  ip -n "$ns_b" link del fresh
+  echo "  info  a new client on 1/0/4 was leased in $took s during the flood (udhcpc exit $probe_rc)"
+  check "a client of port 1/0/4 gets its lease during the flood" same "$probe_rc" 0
+  check "within its normal time (3 s)" awk -v t="$took" 'BEGIN { exit !(t <= 3) }'
+  if [ "$mode" = daemon ]; then
+    sleep 12
+    lease1=$(lease_of "$mac_b")
+    t1=$(date +%s)
+    echo "  info  client B's binding: $lease0 s left before the flood, $lease1 s after $((t1 - t0)) s of it"
+    check "the tick keeps ageing bindings during the flood" lease_counted_down "$lease0" "$lease1" $((t1 - t0))
+  fi
+  wait "$flood_pid"
+  t1=$(date +%s)
+  echo "  info  flood: $(cat "$work/trap-flood.out") on 1/0/3"
+  local passed
+  passed=$("${tool[@]}" pcap-count-xid "$work/server.pcap" f1a0)
+  snoop_check "the flood reaches the server at the port's rate (at most 20 a second)" \
+    in_range "$passed" 1 $((20 * (t1 - t0 + 2)))
+  daemon_only "the overflow is logged once per 30 s" || return 0
+  ctl_cmd events --json >"$work/events.json"
+  check "the port's overflow is logged once per 30 s, again after 30 s of flood" \
+    "${tool[@]}" rate-event-spacing "$work/events.json" 1/0/3 "$t0" "$t1"
+  check "and never for 1/0/4" same "$("${tool[@]}" rate-events "$work/events.json" 1/0/4)" 0
+  check "the trap's policer took what is over twice the rate" \
+    at_least "$(counter 1/0/3 dropped "trap policer")" $((seconds * rate / 2))
 }
 
 # ---- the daemon's control, reload and start-up errors -------------------------

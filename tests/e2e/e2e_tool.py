@@ -376,6 +376,49 @@ def cmd_rate_events(args):
     return 0
 
 
+def event_epoch(e):
+    """The event's time ("2026-01-02T03:04:05Z") in seconds since 1970."""
+    import calendar
+    try:
+        return calendar.timegm(time.strptime(str(e.get("time", "")), "%Y-%m-%dT%H:%M:%SZ"))
+    except ValueError:
+        die("events: bad time %r" % e.get("time"))
+
+
+def cmd_rate_event_spacing(args):
+    """rate-event-spacing EVENTS_JSON PORT T0 T1: the port's DHCP rate-limit
+    entries during a flood from T0 to T1 (seconds since 1970) must show a
+    log that works: at least one entry in the flood, never two within 30 s,
+    and never more than 32 s of flood after the last one (its 30-second
+    timer re-arms the log). Prints the entries' times from T0."""
+    events = load_json(args[0])
+    if not isinstance(events, list):
+        die("events: not a JSON list")
+    want = "DHCP rate limit exceeded on port " + args[1]
+    t0, t1 = int(args[2]), int(args[3])
+    times = sorted(event_epoch(e) for e in events
+                   if isinstance(e, dict) and str(e.get("text", "")).endswith(want))
+    shown = " ".join("%+d" % (t - t0) for t in times)
+    print("entries at %s s of a %d s flood" % (shown or "(none)", t1 - t0))
+    if not any(t0 <= t <= t1 + 1 for t in times):
+        return 1
+    # Times are whole seconds: 29 allows for the rounding of both.
+    if any(b - a < 29 for a, b in zip(times, times[1:])):
+        return 1
+    last = max(t for t in times if t <= t1 + 1)
+    return 1 if t1 - last > 32 else 0
+
+
+def cmd_binding_lease(args):
+    """binding-lease BINDINGS_JSON MAC: prints the seconds left of MAC's
+    binding."""
+    for b in load_json(args[0]):
+        if isinstance(b, dict) and str(b.get("mac", "")).lower() == args[1].lower():
+            print(b.get("lease"))
+            return 0
+    die("bindings: no binding of %s" % args[1])
+
+
 def port_counters(path, port):
     for c in load_json(path):
         if isinstance(c, dict) and c.get("port") == port:
@@ -384,11 +427,11 @@ def port_counters(path, port):
 
 
 def cmd_counter(args):
-    """counter COUNTERS_JSON PORT KEY [REASON]: prints a port's counter (a
-    drop reason's count with KEY dropped)."""
+    """counter COUNTERS_JSON PORT KEY [REASON...]: prints a port's counter (a
+    drop reason's count with KEY dropped; the sum of several reasons)."""
     c = port_counters(args[0], args[1])
     if args[2] == "dropped":
-        print(int(c.get("dropped", {}).get(args[3], 0)))
+        print(sum(int(c.get("dropped", {}).get(r, 0)) for r in args[3:]))
     else:
         print(int(c.get(args[2], 0)))
     return 0
@@ -452,6 +495,8 @@ COMMANDS = {
     "bindings-without": (cmd_bindings_without, 2),
     "binding-file-without": (cmd_binding_file_without, 2),
     "rate-events": (cmd_rate_events, 2),
+    "rate-event-spacing": (cmd_rate_event_spacing, 4),
+    "binding-lease": (cmd_binding_lease, 2),
     "counter": (cmd_counter, 3),
     "flood": (cmd_flood, 5),
 }

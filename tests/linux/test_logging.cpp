@@ -241,6 +241,50 @@ TEST_F(Drops, AReleasedFrameIsNamedByTheMainTasksLines)
     EXPECT_EQ(counters("1/0/2").dropped["invalid frame"], 1u);
 }
 
+TEST_F(Drops, FarBehindTheMainTaskIsSparedItsDebugLinesAndSaysSoOfItsDrops)
+{
+    // The main task's queue here is one of its own with a backlog; frames
+    // are handed over by another thread.
+    auto frameFromElsewhere = [this] {
+        rx("1/0/2", fb::discover().build());
+        DhcpSnoopMsg m;
+        memset(&m, 0, sizeof m);
+        std::thread t([&m] { EXPECT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m); });
+        t.join();
+        return m.packet;
+    };
+    PalMsgQ q = pal_msgQ_create("/backlogQ", 128, 4, 0);
+    ASSERT_GT(q, 0);
+    uint32_t v = 0;
+    for (uint32_t i = 0; i < live::logging::kNamingOffBacklog + 1; ++i)
+        ASSERT_EQ(pal_msgQ_send(q, &v, 4, 0, 0), 0);
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 1u) << "names drops while not behind";
+    ASSERT_EQ(pal_msgQ_receive(q, &v, 4, 0, nullptr), 4);  // 64 still waiting
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 2u) << "behind: debug lines are not composed, error lines are";
+
+    DhcpSnoopPacket p = frameFromElsewhere();
+    DHCP_SNOOP_DEBUG("Drop DHCP nak packet received from untrusted port.");
+    dhcpReleasePacketPool(p.frame);
+    EXPECT_EQ(counters("1/0/2").dropped[live::logging::kUnnamedDrop], 1u);
+    p = frameFromElsewhere();
+    DHCP_SNOOP_ERROR("Oh no! MSG Parser ERROR!!\r\n");
+    dhcpReleasePacketPool(p.frame);
+    EXPECT_EQ(counters("1/0/2").dropped["invalid frame"], 1u) << "error lines still name their drops";
+
+    // Naming comes back only once the backlog is down to 16.
+    for (uint32_t left = live::logging::kNamingOffBacklog; left > live::logging::kNamingOnBacklog + 1; --left)
+        ASSERT_EQ(pal_msgQ_receive(q, &v, 4, 0, nullptr), 4);
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 2u) << "17 waiting: not yet back";
+    ASSERT_EQ(pal_msgQ_receive(q, &v, 4, 0, nullptr), 4);
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 1u) << "16 waiting: drops are named again";
+    while (pal_msgQ_receive(q, &v, 4, 0, nullptr) == 4) {
+    }
+    p = frameFromElsewhere();
+    DHCP_SNOOP_DEBUG("Drop DHCP nak packet received from untrusted port.");
+    dhcpReleasePacketPool(p.frame);
+    EXPECT_EQ(counters("1/0/2").dropped["untrusted server message"], 1u);
+}
+
 TEST_F(Drops, LinesOfOtherTasksNameNothing)
 {
     DhcpSnoopPacket p = trapOne();

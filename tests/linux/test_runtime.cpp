@@ -334,3 +334,66 @@ TEST_F(Runtime, ATaskThatEndsLeavesItsQueueIdle)
 }
 
 }  // namespace
+
+namespace {
+
+// A task that takes records of its queue for ever and counts them.
+struct Counting {
+    PalMsgQ q = 0;
+    std::atomic<int> taken{0};
+};
+void countingTask(void* arg)
+{
+    Counting* c = static_cast<Counting*>(arg);
+    uint8_t b;
+    for (;;)
+        if (pal_msgQ_receive(c->q, &b, 1, PAL_WAIT_FOREVER, nullptr) == 1)
+            ++c->taken;
+}
+
+}  // namespace
+
+TEST_F(Runtime, TheMainTasksPostsWakeTheirTaskWhenItWaitsOrTheQueueIsHalfFull)
+{
+    static Counting c;
+    c.q = pal_msgQ_create("/owedQ", 10, 1, 0);
+    ASSERT_GT(c.q, 0);
+    ASSERT_NE(pal_thread_create("owedTask", 0, 0, countingTask, &c), nullptr);
+    // The task is waiting once it has taken its first record.
+    uint8_t b = 1;
+    ASSERT_EQ(pal_msgQ_send(c.q, &b, 1, 0, 0), 0);
+    ASSERT_TRUE(waitUntil([] { return c.taken.load() == 1; })) << "any other thread wakes it at once";
+
+    PalMsgQ own = pal_msgQ_create("/mainOwnQ", 4, 1, 0);
+    ASSERT_GT(own, 0);
+    std::atomic<int> step{0};
+    std::thread main([&] {
+        live::logging::setMainTask(true);
+        uint8_t v = 2;
+        EXPECT_EQ(pal_msgQ_send(c.q, &v, 1, 0, 0), 0);
+        step = 1;
+        // Waits on its own empty queue: the owed wake-up is paid first.
+        EXPECT_EQ(pal_msgQ_receive(own, &v, 1, 100, nullptr), -1);
+        EXPECT_TRUE(waitUntil([] { return c.taken.load() == 2; })) << "paid when the main task waited";
+        // Past half the queue the task is woken without the main task waiting.
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(pal_msgQ_send(c.q, &v, 1, 0, 0), 0);
+        EXPECT_TRUE(waitUntil([] { return c.taken.load() == 8; })) << "woken at half the queue";
+
+        // A main task that never waits (a lasting flood) still pays after
+        // 32 records of its own.
+        EXPECT_EQ(pal_msgQ_send(c.q, &v, 1, 0, 0), 0);
+        for (int i = 0; i < 31; ++i) {
+            ASSERT_EQ(pal_msgQ_send(own, &v, 1, 0, 0), 0);
+            ASSERT_EQ(pal_msgQ_receive(own, &v, 1, 0, nullptr), 1);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(c.taken.load(), 8) << "still owed after 31 records";
+        ASSERT_EQ(pal_msgQ_send(own, &v, 1, 0, 0), 0);
+        ASSERT_EQ(pal_msgQ_receive(own, &v, 1, 0, nullptr), 1);
+        EXPECT_TRUE(waitUntil([] { return c.taken.load() == 9; })) << "paid at the 32nd";
+        live::logging::setMainTask(false);
+    });
+    main.join();
+    EXPECT_EQ(step.load(), 1);
+}

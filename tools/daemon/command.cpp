@@ -147,7 +147,7 @@ bool parseLevel(const std::string& text, uint32_t& level, std::string& error)
 bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::string& error)
 {
     if (words.empty()) {
-        error = "no command (bindings, delete, debug, debug-level, counters, events)";
+        error = "no command (bindings, delete, debug, debug-level, counters, events, latency)";
         return false;
     }
     const std::string& name = words[0];
@@ -165,6 +165,18 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
             return false;
         }
         c.json = words.size() == 2;
+    } else if (name == "latency") {
+        c.kind = Command::Latency;
+        for (size_t i = 1; i < words.size(); ++i) {
+            if (words[i] == "--json" && !c.json) {
+                c.json = true;
+            } else if (words[i] == "--clear" && !c.clear) {
+                c.clear = true;
+            } else {
+                error = "latency: usage: latency [--json] [--clear]";
+                return false;
+            }
+        }
     } else if (name == "delete") {
         c.kind = Command::Delete;
         if (!arity(4, "delete IP VLAN MAC") || !parseIp(words[1], c.key.ip, error) ||
@@ -190,7 +202,7 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         c.set = words[2] == "set";
     } else {
         error = "unknown command " + quoteWord(name) +
-                " (bindings, delete, debug, debug-level, counters, events)";
+                " (bindings, delete, debug, debug-level, counters, events, latency)";
         return false;
     }
     cmd = c;
@@ -339,6 +351,24 @@ std::string eventsJson(const std::vector<live::Event>& events)
     return o.str();
 }
 
+std::string latencyJson(const live::Latency& l)
+{
+    char buf[160];
+    snprintf(buf, sizeof buf, "{\"frames\":%llu,\"p50_us\":%.1f,\"p99_us\":%.1f,\"max_us\":%.1f}\n",
+             (unsigned long long)l.frames, l.p50Us, l.p99Us, l.maxUs);
+    return buf;
+}
+
+std::string latencyTable(const live::Latency& l)
+{
+    if (l.frames == 0)
+        return "no trapped frame sent on yet\n";
+    char buf[200];
+    snprintf(buf, sizeof buf, "trap to transmit, %llu frames: p50 %.1f us, p99 %.1f us, max %.1f us\n",
+             (unsigned long long)l.frames, l.p50Us, l.p99Us, l.maxUs);
+    return buf;
+}
+
 std::string eventsTable(const std::vector<live::Event>& events)
 {
     if (events.empty())
@@ -410,6 +440,11 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
     case Command::Events:
         r.body = c.json ? eventsJson(backend.events()) : eventsTable(backend.events());
         break;
+    case Command::Latency: {
+        live::Latency l = backend.latency(c.clear);
+        r.body = c.json ? latencyJson(l) : latencyTable(l);
+        break;
+    }
     }
     r.ok = true;
     return r;

@@ -32,12 +32,13 @@ struct Binding {
 };
 
 struct Command {
-    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events } kind = Bindings;
+    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency } kind = Bindings;
     bool json = false;
     BindingKey key;        // Delete
     bool on = false;       // Debug
     uint32_t level = 0;    // DebugLevel: bits 1 and 2
     bool set = false;      // DebugLevel: set (true) or clear the bits
+    bool clear = false;    // Latency: start counting again
 };
 
 // Each false return sets error to one line naming the bad word.
@@ -60,6 +61,8 @@ std::string countersJson(const std::vector<live::PortCounters>& counters);
 std::string countersTable(const std::vector<live::PortCounters>& counters);
 std::string eventsJson(const std::vector<live::Event>& events);
 std::string eventsTable(const std::vector<live::Event>& events);
+std::string latencyJson(const live::Latency& latency);
+std::string latencyTable(const live::Latency& latency);
 
 struct Reply {
     bool ok = false;
@@ -76,6 +79,8 @@ struct Backend {
     std::function<uint32_t(uint32_t level, uint32_t flag)> setDebugLevel;
     std::function<std::vector<live::PortCounters>()> counters;
     std::function<std::vector<live::Event>()> events;
+    // Trap-to-transmit latency of the frames so far; clear: start again.
+    std::function<live::Latency(bool clear)> latency;
 };
 
 // Checks the words again and runs the command.

@@ -62,6 +62,7 @@ ctl::Backend liveBackend()
     b.setDebugLevel = dhcpSnoopSetDebugLevel;
     b.counters = live::counters;
     b.events = live::events;
+    b.latency = live::latency;
     return b;
 }
 

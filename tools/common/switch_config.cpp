@@ -76,6 +76,37 @@ bool parsePortName(const std::string& text, up* handle)
     return true;
 }
 
+bool receivePortReachable(uint32_t unit, up handle, std::string* why)
+{
+    constexpr uint32_t kPerUnit = 64;
+    std::string w;
+    if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
+        uint32_t portUnit = UP_UNIT(handle);
+        if (portUnit != unit) {
+            w = "is a port of unit " + std::to_string(portUnit) + ", and this switch is unit " +
+                std::to_string(unit) + " (switch.unit)";
+        } else if ((unit - 1) * kPerUnit >= kReceiveWalkIndexes) {
+            w = "cannot be handled on unit " + std::to_string(unit) +
+                ": the module finds receive ports on units 1 and 2 only";
+        } else if ((unit - 1) * kPerUnit + UP_PORT(handle) - 1 >= kReceiveWalkIndexes) {
+            uint32_t last = kReceiveWalkIndexes - (unit - 1) * kPerUnit;
+            w = "cannot be handled on unit " + std::to_string(unit) + ": the module finds receive ports " +
+                std::to_string(unit) + "/0/1 to " + std::to_string(unit) + "/0/" + std::to_string(last) +
+                " only";
+        }
+    } else if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL) {
+        // The port channels follow the physical ports of every unit up to this one.
+        if (unit * kPerUnit + UP_PORT(handle) - 1 >= kReceiveWalkIndexes)
+            w = "cannot be handled on unit " + std::to_string(unit) +
+                ": the module finds port channels on unit 1 only";
+    } else {
+        w = "is not a port";
+    }
+    if (why)
+        *why = w;
+    return w.empty();
+}
+
 DhcpSnoopPortCfg snoopRecord(const PortConfig& p)
 {
     DhcpSnoopPortCfg r;
@@ -313,6 +344,7 @@ void parsePort(Checker& c, const toml::table& t, uint32_t tableLine, SwitchConfi
         return;
     }
     uint32_t nameLine = Checker::lineOf(*t.get("name"));
+    port.nameLine = nameLine;
     if (!parsePortName(port.name, &port.handle)) {
         c.fail(nameLine, p + "name",
                "\"" + port.name +
@@ -418,6 +450,12 @@ bool parseSwitchConfig(const std::string& text, const std::string& source, Switc
         }
         if (c.failed())
             break;
+    }
+    // Only now is the unit known: [switch] may come after the ports.
+    for (const PortConfig& p : cfg.ports) {
+        std::string why;
+        if (!c.failed() && !receivePortReachable(cfg.unit, p.handle, &why))
+            c.fail(p.nameLine, "port.name", "\"" + p.name + "\" " + why);
     }
     if (c.failed()) {
         error = c.error();

@@ -558,10 +558,111 @@ TEST_F(ControlSocket, ARunningDaemonsSocketIsNotTaken)
     ctl::Server second;
     std::string error;
     EXPECT_FALSE(second.listen(path, error));
-    EXPECT_EQ(error, "another daemon is listening on " + path);
+    EXPECT_EQ(error, "another daemon holds the control socket " + path + " (lock " + path + ".lock)");
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the first one still answers";
 }
+
+TEST_F(ControlSocket, AListeningSocketWithoutTheLockIsNotTakenEither)
+{
+    // A daemon that holds no lock file (an older one) listens on the path.
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un a;
+    memset(&a, 0, sizeof a);
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(fd, (struct sockaddr*)&a, sizeof a), 0);
+    ASSERT_EQ(listen(fd, 1), 0);
+    ctl::Server second;
+    std::string error;
+    EXPECT_FALSE(second.listen(path, error));
+    EXPECT_EQ(error, "another daemon is listening on " + path);
+    struct stat st;
+    EXPECT_EQ(lstat(path.c_str(), &st), 0);
+    close(fd);
+    // Its lock is given up with the refusal: a later start may take it.
+    EXPECT_TRUE(second.listen(path, error)) << error;
+}
+
+// Two daemons starting at once: the second probes the first one's socket
+// after its bind and before its listen, when a connect is still refused.
+TEST_F(ControlSocket, TwoDaemonsStartingAtOnceCannotBothListen)
+{
+    ctl::Server first;
+    ctl::Server second;
+    std::string error, secondError;
+    bool secondListened = true;
+    first.afterBindForTests = [&] { secondListened = second.listen(path, secondError); };
+    ASSERT_TRUE(first.listen(path, error)) << error;
+    EXPECT_FALSE(secondListened) << "both would serve";
+    EXPECT_EQ(secondError, "another daemon holds the control socket " + path + " (lock " + path + ".lock)");
+    struct stat st;
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << "the first one's socket stays";
+    first.stop();
+    // Once the first has stopped, its lock is free again (the lock file stays).
+    EXPECT_TRUE(second.listen(path, error)) << error;
+    second.stop();
+    EXPECT_EQ(access((path + ".lock").c_str(), F_OK), 0);
+}
+
+// Whoever can write the socket's directory may swap the fresh socket file
+// for a symbolic link: nothing may then change the link's target.
+TEST_F(ControlSocket, ASymlinkPlantedAfterTheBindIsNotFollowed)
+{
+    std::string victim = dir + "/victim";
+    std::ofstream(victim) << "x";
+    ASSERT_EQ(chmod(victim.c_str(), 0644), 0);
+    ctl::Server s;
+    s.afterBindForTests = [&] {
+        unlink(path.c_str());
+        ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
+    };
+    std::string error;
+    EXPECT_FALSE(s.listen(path, error)) << "the socket file is no longer ours";
+    EXPECT_EQ(error, "control socket " + path + " was replaced while it was being made");
+    struct stat st;
+    ASSERT_EQ(stat(victim.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u) << "the link's target was changed";
+    ASSERT_EQ(lstat(path.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "another's file is not removed";
+}
+
+TEST_F(ControlSocket, OnlyRootAndTheDaemonsOwnUserAreServed)
+{
+    serve();
+    std::string out, err;
+    EXPECT_EQ(ctl({"events"}, out, err), 0) << "the daemon's own user";
+    server->allowUsersForTests({(uint32_t)geteuid() + 4242u});
+    EXPECT_EQ(ctl({"events"}, out, err), 1);
+    EXPECT_EQ(err, "dhcpsnoopctl: user " + std::to_string(geteuid()) +
+                       " may not use the control socket (root and the daemon's user only)\n");
+    EXPECT_EQ(out, "");
+}
+
+#ifdef DHCPSNOOP_CTL_TOOL
+// The socket file is owner-only; even where its mode or directory were
+// opened up, another user's command is refused by its credentials.
+TEST_F(ControlSocket, AnotherUserIsRefusedEvenThroughAnOpenSocketFile)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run a client as another user";
+    fake.bindings = {binding({198, 18, 0, 23}, 10, {2, 0, 0, 0, 0, 3}, "1/0/3", 3597)};
+    serve();
+    ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    std::string errFile = dir + "/err";
+    std::string cmd = "setpriv --reuid=65534 --regid=65534 --clear-groups " + std::string(DHCPSNOOP_CTL_TOOL) +
+                      " --control '" + path + "' delete 198.18.0.23 10 02:00:00:00:00:03 >/dev/null 2>'" +
+                      errFile + "'";
+    int st = system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 1);
+    std::ifstream in(errFile);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text, "dhcpsnoopctl: user 65534 may not use the control socket (root and the daemon's user only)\n");
+    EXPECT_TRUE(fake.removed.empty()) << "nothing of the command was run";
+}
+#endif
 
 TEST_F(ControlSocket, AFileThatIsNoSocketIsLeftAlone)
 {

@@ -153,6 +153,20 @@ TEST_F(Switch, FrameOfAVlanThePortDoesNotCarryIsDropped)
     EXPECT_EQ(counters("1/0/5").dropped["VLAN 10 not carried by the port"], 1u);
 }
 
+TEST_F(Switch, DropsOfVlansThePortDoesNotCarryKeepFewCounterKeys)
+{
+    bringUp(kConfig);
+    fb::Bytes d = fb::discover().srcMac(mac(5)).build();
+    for (int vid = 100; vid < 400; ++vid)
+        rx("1/0/5", fb::addVlan(d, (uint16_t)vid));
+    rx("1/0/5", fb::addVlan(d, 100));
+    live::PortCounters c = counters("1/0/5");
+    EXPECT_EQ(c.dropped.size(), 9u) << "eight VLANs by name, the rest together";
+    EXPECT_EQ(c.dropped["VLAN 100 not carried by the port"], 2u);
+    EXPECT_EQ(c.dropped["VLAN 107 not carried by the port"], 1u);
+    EXPECT_EQ(c.dropped["other VLANs not carried by the port"], 292u);
+}
+
 TEST_F(Switch, UntaggedFrameOnATrunkBelongsToItsAccessVlanAndPriorityTagsToo)
 {
     bringUp(kConfig);

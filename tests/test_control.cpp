@@ -156,8 +156,9 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, status)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, status)"},
+        {{"status", "--verbose"}, "status: usage: status [--json]"},
     };
     for (const Case& c : cases) {
         Command cmd;
@@ -290,6 +291,7 @@ struct FakeBackend {
     uint32_t levelResult = 0;
     std::vector<live::PortCounters> counters;
     std::vector<live::Event> events;
+    live::SaveStatus saveStatus;
 
     ctl::Backend backend()
     {
@@ -317,6 +319,7 @@ struct FakeBackend {
         };
         b.counters = [this] { return counters; };
         b.events = [this] { return events; };
+        b.saveStatus = [this] { return saveStatus; };
         return b;
     }
 };
@@ -382,6 +385,42 @@ TEST(ControlCommands, DebugSwitchAndReads)
 }
 
 // ---- the socket ----------------------------------------------------------------------
+
+// A failed save stops every further save: the status says so, loudly.
+TEST(ControlCommands, StatusShowsStoppedSavingAndTheLastGoodCopy)
+{
+    FakeBackend f;
+    f.saveStatus.path = "/var/lib/dhcpsnoop/dhcpSnoop.cfg";
+    f.saveStatus.savesCompleted = 3;
+    f.saveStatus.lastGoodMs = 1795556401000ull;  // 2026-11-24T...
+    f.saveStatus.lastGoodBindings = 2;
+    Reply r = ctl::runCommand({"status"}, f.backend());
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.body, "binding file: /var/lib/dhcpsnoop/dhcpSnoop.cfg\n"
+                      "saving: on\n"
+                      "saves completed: 3\n"
+                      "save failures: 0\n"
+                      "last good copy: " + ctl::utcText(1795556401000ull) + " (2 bindings)\n");
+    f.saveStatus.saving = false;
+    f.saveStatus.saveFailures = 1;
+    f.saveStatus.failedMs = 1795556461000ull;
+    f.saveStatus.restoredAtStart = true;
+    r = ctl::runCommand({"status"}, f.backend());
+    EXPECT_NE(r.body.find("saving: STOPPED after a failed save at " + ctl::utcText(1795556461000ull) +
+                          " (SIGHUP to the daemon starts it again)\n"),
+              std::string::npos)
+        << r.body;
+    EXPECT_NE(r.body.find("save failures: 1\n"), std::string::npos);
+    EXPECT_NE(r.body.find("restored at start: "), std::string::npos);
+    r = ctl::runCommand({"status", "--json"}, f.backend());
+    EXPECT_EQ(r.body, "{\"binding_file\":\"/var/lib/dhcpsnoop/dhcpSnoop.cfg\",\"saving\":false,\"saves_completed\":3,"
+                      "\"save_failures\":1,\"failed_at\":\"" + ctl::utcText(1795556461000ull) +
+                      "\",\"last_good_copy\":\"" + ctl::utcText(1795556401000ull) +
+                      "\",\"last_good_bindings\":2,\"restored_at_start\":true}\n");
+    f.saveStatus = live::SaveStatus();
+    r = ctl::runCommand({"status", "--json"}, f.backend());
+    EXPECT_NE(r.body.find("\"failed_at\":null,\"last_good_copy\":null"), std::string::npos) << r.body;
+}
 
 TEST(ControlProtocol, RequestsAndReplies)
 {
@@ -716,7 +755,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, status)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());

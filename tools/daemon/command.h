@@ -32,7 +32,7 @@ struct Binding {
 };
 
 struct Command {
-    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events } kind = Bindings;
+    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Status } kind = Bindings;
     bool json = false;
     BindingKey key;        // Delete
     bool on = false;       // Debug
@@ -60,6 +60,8 @@ std::string countersJson(const std::vector<live::PortCounters>& counters);
 std::string countersTable(const std::vector<live::PortCounters>& counters);
 std::string eventsJson(const std::vector<live::Event>& events);
 std::string eventsTable(const std::vector<live::Event>& events);
+std::string statusJson(const live::SaveStatus& status);
+std::string statusTable(const live::SaveStatus& status);
 
 struct Reply {
     bool ok = false;
@@ -76,6 +78,7 @@ struct Backend {
     std::function<uint32_t(uint32_t level, uint32_t flag)> setDebugLevel;
     std::function<std::vector<live::PortCounters>()> counters;
     std::function<std::vector<live::Event>()> events;
+    std::function<live::SaveStatus()> saveStatus;
 };
 
 // Checks the words again and runs the command.

@@ -22,6 +22,7 @@
 #include "tools/daemon/command.h"
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
+#include "tools/daemon/stop.h"
 
 namespace {
 
@@ -420,6 +421,27 @@ TEST(ControlCommands, StatusShowsStoppedSavingAndTheLastGoodCopy)
     f.saveStatus = live::SaveStatus();
     r = ctl::runCommand({"status", "--json"}, f.backend());
     EXPECT_NE(r.body.find("\"failed_at\":null,\"last_good_copy\":null"), std::string::npos) << r.body;
+}
+
+// How the daemon ends: a descriptor that cannot be read stops it with its
+// own code, and an unfinished save outranks everything.
+TEST(DaemonStop, SignalsThatCannotBeReadAndUnfinishedSavesAreNoCleanExit)
+{
+    std::string error;
+    EXPECT_EQ(dstop::readSignal(-1, error), dstop::SignalEvent::Failed);
+    EXPECT_EQ(error, "reading signals: Bad file descriptor");
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(write(p[1], "abc", 3), 3);
+    EXPECT_EQ(dstop::readSignal(p[0], error), dstop::SignalEvent::Failed);
+    EXPECT_EQ(error, "reading signals: short read");
+    close(p[1]);
+    EXPECT_EQ(dstop::readSignal(p[0], error), dstop::SignalEvent::Failed) << "end of file";
+    close(p[0]);
+    EXPECT_EQ(dstop::stopExitCode(false, true), 0);
+    EXPECT_EQ(dstop::stopExitCode(true, true), 3);
+    EXPECT_EQ(dstop::stopExitCode(false, false), 4);
+    EXPECT_EQ(dstop::stopExitCode(true, false), 4);
 }
 
 TEST(ControlProtocol, RequestsAndReplies)

@@ -619,7 +619,7 @@ TEST_F(ControlSocket, ARunningDaemonsSocketIsNotTaken)
     ctl::Server second;
     std::string error;
     EXPECT_FALSE(second.listen(path, error));
-    EXPECT_EQ(error, "another daemon holds the control socket " + path + " (lock " + path + ".lock)");
+    EXPECT_EQ(error, "another daemon is listening on " + path + " (it holds " + path + ".lock)");
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the first one still answers";
 }
@@ -656,7 +656,7 @@ TEST_F(ControlSocket, TwoDaemonsStartingAtOnceCannotBothListen)
     first.afterBindForTests = [&] { secondListened = second.listen(path, secondError); };
     ASSERT_TRUE(first.listen(path, error)) << error;
     EXPECT_FALSE(secondListened) << "both would serve";
-    EXPECT_EQ(secondError, "another daemon holds the control socket " + path + " (lock " + path + ".lock)");
+    EXPECT_EQ(secondError, "another daemon is listening on " + path + " (it holds " + path + ".lock)");
     struct stat st;
     EXPECT_EQ(lstat(path.c_str(), &st), 0) << "the first one's socket stays";
     first.stop();

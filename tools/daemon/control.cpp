@@ -265,7 +265,7 @@ bool Server::listen(const std::string& path, std::string& error)
             int err = errno;
             close(lfd);
             if (err == EWOULDBLOCK) {
-                error = "another daemon holds the control socket " + path + " (lock " + lockPath + ")";
+                error = "another daemon is listening on " + path + " (it holds " + lockPath + ")";
             } else {
                 errno = err;
                 error = sysError("control socket lock " + lockPath);

@@ -205,6 +205,8 @@ TEST(SwitchConfig, BadFilesAreRefusedNamingKeyAndLine)
          "sw.toml:2: port.name: \"eth0\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         {"leading zero", "[[port]]\nname = \"1/0/03\"\nvlan = 1\n",
          "sw.toml:2: port.name: \"1/0/03\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
+        {"control characters in a name", "[[port]]\nname = \"1/0/3\\n\\u001b[2J\"\nvlan = 1\n",
+         "sw.toml:2: port.name: \"1/0/3??[2J\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         {"trailing blank", "[[port]]\nname = \"1/0/3 \"\nvlan = 1\n",
          "sw.toml:2: port.name: \"1/0/3 \" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         // duplicate ports
@@ -310,6 +312,33 @@ TEST(SwitchConfig, PortsOfAnotherUnitOrPastTheReceiveWalkAreRefused)
         swcfg::SwitchConfig c = parseOk(ok);
         EXPECT_EQ(c.ports.size(), 1u) << ok;
     }
+}
+
+// The TOML library reaches undefined behaviour on a non-ASCII character
+// where its lexer may look for whitespace: the file must be ASCII, other
+// characters are written in strings with escapes.
+TEST(SwitchConfig, ABytePastAsciiIsRefusedBeforeTheTomlLibraryReadsIt)
+{
+    const std::string what = ": a byte that is not ASCII (write other characters in strings as \\uXXXX)";
+    const std::string port = "[[port]]\nname = \"1/0/1\"\nvlan = 1\n";
+    const BadCase cases[] = {
+        {"bare value", "[switch]\nunit = \xcc\xac\n", "sw.toml:2"},
+        {"after a value", "[switch]\nunit = 1 \xcc\xac\n", "sw.toml:2"},
+        {"table name", "[[por\xcc\xac]]\nname = \"1/0/1\"\n", "sw.toml:1"},
+        {"after a line-ending backslash", port + "circuit_id = \"\"\"a\\\n  \xcc\xac\"\"\"\n", "sw.toml:5"},
+        {"in a number", "[switch]\nmac = 0\":02\xef\xba\xbf\"\n", "sw.toml:2"},
+        {"in a string", port + "circuit_id = \"r\xc3\xa9seau\"\n", "sw.toml:4"},
+        {"in a comment", "# r\xc3\xa9seau\n", "sw.toml:1"},
+    };
+    for (const BadCase& c : cases) {
+        swcfg::SwitchConfig cfg;
+        std::string error;
+        EXPECT_FALSE(swcfg::parseSwitchConfig(c.text, "sw.toml", cfg, error)) << c.what;
+        EXPECT_EQ(error, c.error + what) << c.what;
+    }
+    swcfg::SwitchConfig c = parseOk(port + "circuit_id = \"r\\u00e9seau \\u032c\"\n");
+    ASSERT_EQ(c.ports.size(), 1u);
+    EXPECT_EQ(c.ports[0].circuitId, "r\xc3\xa9seau \xcc\xac");
 }
 
 TEST(SwitchConfig, UnreadableFile)

@@ -413,17 +413,55 @@ void parsePort(Checker& c, const toml::table& t, uint32_t tableLine, SwitchConfi
 
 }  // namespace
 
+namespace {
+
+// Messages quote the file's own texts (keys, port names): a control
+// character in one must not break the line or reach the terminal.
+std::string oneLine(std::string text)
+{
+    for (char& ch : text) {
+        unsigned char c = (unsigned char)ch;
+        if (c < 0x20 || c == 0x7F)
+            ch = '?';
+    }
+    return text;
+}
+
+// The TOML library of Debian 12 (toml++ 3.3) reaches an unreachable point
+// (undefined behaviour) when it asks whether a non-ASCII character is
+// whitespace, which it does wherever its lexer may meet one outside a string.
+// The file is therefore ASCII; other characters go into strings as \uXXXX.
+// 0 when the text is ASCII, else the line of the first other byte.
+uint32_t nonAsciiLine(const std::string& t)
+{
+    uint32_t line = 1;
+    for (char ch : t) {
+        if (ch == '\n')
+            ++line;
+        else if ((unsigned char)ch >= 0x80)
+            return line;
+    }
+    return 0;
+}
+
+}  // namespace
+
 bool parseSwitchConfig(const std::string& text, const std::string& source, SwitchConfig& out,
                        std::string& error)
 {
     SwitchConfig cfg;
     cfg.source = source;
+    if (uint32_t line = nonAsciiLine(text)) {
+        error = oneLine(source + ":" + std::to_string(line) +
+                        ": a byte that is not ASCII (write other characters in strings as \\uXXXX)");
+        return false;
+    }
     toml::parse_result r = toml::parse(text, source);
     if (!r) {
         const toml::parse_error& e = r.error();
         std::ostringstream o;
         o << source << ":" << e.source().begin.line << ": " << e.description();
-        error = o.str();
+        error = oneLine(o.str());
         return false;
     }
     const toml::table& root = r.table();
@@ -458,7 +496,7 @@ bool parseSwitchConfig(const std::string& text, const std::string& source, Switc
             c.fail(p.nameLine, "port.name", "\"" + p.name + "\" " + why);
     }
     if (c.failed()) {
-        error = c.error();
+        error = oneLine(c.error());
         return false;
     }
     out = cfg;

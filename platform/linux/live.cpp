@@ -397,9 +397,12 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
 
 // The main queue first: a frame still waiting or being handled may queue a
 // save of its own.
+// After a failed save no task takes the save queue's requests: nothing to
+// wait for there.
 bool saveIdle()
 {
-    return runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME) && runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME);
+    return runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME) &&
+           (!saveStatus().saving || runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME));
 }
 
 std::vector<PortCounters> counters() { return core::counters(); }

@@ -230,6 +230,41 @@ def main():
         if got != before or not d.status()["restored_at_start"]:
             raise Fail("after the cut save: %d bindings loaded (before: %d), restored %s"
                        % (len(got), len(before), d.status()["restored_at_start"]))
+        # A save that fails (the file's place taken by a directory) stops
+        # saving: status and event say so, and SIGHUP starts it again.
+        os.remove(main_file)
+        os.mkdir(main_file)
+        ip, mac = binding(order[posted])
+        rc, out, err = d.ctl("delete", ip, "10", mac)
+        if rc != 0:
+            raise Fail("delete before the failed save: " + err)
+        posted += 1
+        deadline = time.monotonic() + 10
+        while d.status()["saving"] and time.monotonic() < deadline:
+            time.sleep(0.05)
+        st = d.status()
+        if st["saving"] or st["save_failures"] != 1:
+            raise Fail("after a failed save: %s" % st)
+        rc, out, err = d.ctl("events", "--json")
+        if not any(e["code"] == 0x4C490001 for e in json.loads(out)):
+            raise Fail("no event for the failed save: " + out)
+        r = subprocess.run([args.ctl, "--control", d.sock, "status"], capture_output=True, text=True, timeout=30)
+        if "saving: STOPPED after a failed save" not in r.stdout:
+            raise Fail("dhcpsnoopctl status after a failed save: " + r.stdout)
+        os.rmdir(main_file)
+        d.proc.send_signal(signal.SIGHUP)
+        deadline = time.monotonic() + 10
+        text = ""
+        while time.monotonic() < deadline:
+            if os.path.exists(main_file):
+                with open(main_file, newline="") as f:
+                    text = f.read()
+                if text.endswith("END\r\n"):
+                    break
+            time.sleep(0.05)
+        if not d.status()["saving"] or text.count("\r\n") - 4 != len(sets_for(posted)):
+            raise Fail("SIGHUP did not bring saving back: %s, %d lines" % (d.status(), text.count("\r\n") - 4))
+        print("save_crash: a failed save stopped saving, SIGHUP started it again")
         r = subprocess.run([args.ctl, "--control", d.sock, "status"], capture_output=True, text=True, timeout=30)
         if r.returncode != 0 or "saving: on\n" not in r.stdout or "restored at start:" not in r.stdout:
             raise Fail("dhcpsnoopctl status: %d %s%s" % (r.returncode, r.stdout, r.stderr))

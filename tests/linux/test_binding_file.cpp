@@ -241,6 +241,10 @@ TEST_F(BindingFile, AFailedSaveIsReportedAndSavingRestarts)
     EXPECT_NE(st.failedMs, 0u);
     EXPECT_EQ(eventsWithCode(live::kEventSaveFailed), 1u);
     EXPECT_TRUE(live::saveIdle()) << "a stop does not wait for a task that is gone";
+    // A change after the failure: its save request waits in the queue, for nobody.
+    uint8_t msg = 1;
+    ASSERT_TRUE(live::runtime::postByName(DHCP_SNOOP_SAVE_QUEUE_NAME, &msg, 1));
+    EXPECT_TRUE(live::saveIdle()) << "nor for a request nobody will take";
 
     std::string error;
     std::filesystem::remove(main);

@@ -202,6 +202,8 @@ int main(int argc, char** argv)
         waited += 50;
     }
     bool saveFinished = live::saveIdle();
+    if (!live::saveStatus().saving)
+        warn("saving the binding file was stopped by a failed save: the file misses the changes since");
     if (!saveFinished)
         warn("the binding file save did not finish within 10 s: the file may be cut short (its last good copy "
              "is restored at the next start)");

@@ -693,7 +693,14 @@ TEST_F(ControlSocket, OnlyRootAndTheDaemonsOwnUserAreServed)
     serve();
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the daemon's own user";
+    // A server whose users are others than this test's.
+    server.reset(new ctl::Server);
     server->allowUsersForTests({(uint32_t)geteuid() + 4242u});
+    std::string error;
+    ASSERT_TRUE(server->listen(path, error)) << error;
+    ASSERT_TRUE(server->start([this](const std::vector<std::string>& w) { return ctl::runCommand(w, fake.backend()); },
+                              error))
+        << error;
     EXPECT_EQ(ctl({"events"}, out, err), 1);
     EXPECT_EQ(err, "dhcpsnoopctl: user " + std::to_string(geteuid()) +
                        " may not use the control socket (root and the daemon's user only)\n");

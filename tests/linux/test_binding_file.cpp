@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -232,6 +233,13 @@ TEST_F(BindingFile, AFailedSaveIsReportedAndSavingRestarts)
     writeFile(main, file(1, 10, 2));
     live::persist::prepare(dir);
     startModuleOnce();
+    // The module's start-up writes its load flag on this thread with nothing
+    // that orders it before the main task's reads; a message through its
+    // queue does (the daemon's first frame does the same).
+    DhcpSnoopMsg msg;
+    memset(&msg, 0, sizeof msg);
+    msg.type = DHCP_SNOOP_MSG_CFG_CHANGE;
+    ASSERT_EQ(dhcpSnoopSendMsgToMainQueue(&msg, 500), DHCP_SNOOP_OK);
     // The file cannot be written: a directory stands in its place.
     std::filesystem::remove(main);
     ASSERT_TRUE(std::filesystem::create_directory(main));
@@ -242,8 +250,8 @@ TEST_F(BindingFile, AFailedSaveIsReportedAndSavingRestarts)
     EXPECT_EQ(eventsWithCode(live::kEventSaveFailed), 1u);
     EXPECT_TRUE(live::saveIdle()) << "a stop does not wait for a task that is gone";
     // A change after the failure: its save request waits in the queue, for nobody.
-    uint8_t msg = 1;
-    ASSERT_TRUE(live::runtime::postByName(DHCP_SNOOP_SAVE_QUEUE_NAME, &msg, 1));
+    uint8_t request = 1;
+    ASSERT_TRUE(live::runtime::postByName(DHCP_SNOOP_SAVE_QUEUE_NAME, &request, 1));
     EXPECT_TRUE(live::saveIdle()) << "nor for a request nobody will take";
 
     std::string error;

@@ -212,6 +212,8 @@ def main():
         # A save that outlasts the stop limit: exit 4, and the copy is back at the next start.
         d = Daemon(args, work, dict(slow, DHCPSNOOP_SLOW_SAVE_US="250000"))
         before = d.bindings()
+        # The last round's deletions may have been lost with its kill.
+        posted = [j for j in range(BINDINGS) if sets_for(j) == before][0]
         ip, mac = binding(order[posted])
         rc, out, err = d.ctl("delete", ip, "10", mac)
         if rc != 0:

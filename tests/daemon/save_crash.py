@@ -209,8 +209,10 @@ def main():
         if args.rounds >= 20 and restores == 0:
             raise Fail("no kill landed in a save: the test did not test anything")
 
-        # A save that outlasts the stop limit: exit 4, and the copy is back at the next start.
-        d = Daemon(args, work, dict(slow, DHCPSNOOP_SLOW_SAVE_US="250000"))
+        # A save that outlasts the stop limit (a second per 512 bytes: well
+        # past 10 s for the 100 and more bindings left): exit 4, and the copy
+        # is back at the next start.
+        d = Daemon(args, work, dict(slow, DHCPSNOOP_SLOW_SAVE_US="1000000"))
         before = d.bindings()
         # The last round's deletions may have been lost with its kill.
         posted = [j for j in range(BINDINGS) if sets_for(j) == before][0]

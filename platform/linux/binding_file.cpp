@@ -273,16 +273,15 @@ void saveCompleted()
 
 void saveTaskEnded()
 {
-    State& s = state();
-    {
-        std::lock_guard<std::mutex> g(s.lock);
-        s.status.saving = false;
-        ++s.status.saveFailures;
-        s.status.failedMs = unixMsNow();
-    }
+    // The event first: whoever sees saving stopped finds it too.
     std::string text = "saving the binding file failed; no further saves until SIGHUP";
     warn(text);
     logging::addEvent(kEventSaveFailed, LOG_ERR, "DHCP snooping: " + text);
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    s.status.saving = false;
+    ++s.status.saveFailures;
+    s.status.failedMs = unixMsNow();
 }
 
 }  // namespace persist

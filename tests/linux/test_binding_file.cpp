@@ -232,6 +232,8 @@ TEST_F(BindingFile, AFailedSaveIsReportedAndSavingRestarts)
     // One binding that expires two seconds after start: its removal saves.
     writeFile(main, file(1, 10, 2));
     live::persist::prepare(dir);
+    bringUp("[switch]\nsnooping_vlans = [10]\n\n[[port]]\nname = \"1/0/1\"\nvlan = 10\ntrust = true\n\n"
+            "[[port]]\nname = \"1/0/2\"\nvlan = 10\n");
     startModuleOnce();
     // The module's start-up writes its load flag on this thread with nothing
     // that orders it before the main task's reads; a message through its

@@ -695,7 +695,7 @@ TEST_F(ControlSocket, OnlyRootAndTheDaemonsOwnUserAreServed)
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the daemon's own user";
     // A server whose users are others than this test's.
     server.reset(new ctl::Server);
-    server->allowUsersForTests({(uint32_t)geteuid() + 4242u});
+    server->allowUsers({(uint32_t)geteuid() + 4242u});
     std::string error;
     ASSERT_TRUE(server->listen(path, error)) << error;
     ASSERT_TRUE(server->start([this](const std::vector<std::string>& w) { return ctl::runCommand(w, fake.backend()); },

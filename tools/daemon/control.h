@@ -52,9 +52,11 @@ public:
     // before other threads exist: the file mode is set through the
     // process's umask, never by a chmod that a link could redirect.
     bool listen(const std::string& path, std::string& error);
-    // Clients are served only when their credentials (SO_PEERCRED) name
-    // root or the daemon's own effective user; tests may name others.
-    void allowUsersForTests(std::vector<uint32_t> uids) { allowed_ = std::move(uids); }
+    // Clients are served only when their credentials (SO_PEERCRED) name one
+    // of these users: by default root and the effective user when the server
+    // was made. A daemon that changes its user later names it here, before
+    // start.
+    void allowUsers(std::vector<uint32_t> uids) { allowed_ = std::move(uids); }
     // Tests only: runs between the bind and the listen.
     std::function<void()> afterBindForTests;
     // Serves clients one at a time on a thread of its own.

@@ -48,6 +48,9 @@ class Fail(Exception):
     pass
 
 
+RUNNING = []  # daemons to kill when the test ends early
+
+
 class Daemon:
     def __init__(self, args, work, env_extra=None):
         self.args = args
@@ -62,6 +65,7 @@ class Daemon:
         self.proc = subprocess.Popen(
             [args.daemon, "--config", os.path.join(work, "sw.toml"), "--data-dir", os.path.join(work, "data"),
              "--control", self.sock], stdout=self.log, stderr=self.log, env=env)
+        RUNNING.append(self.proc)
         self.wait_ready()
 
     def wait_ready(self):
@@ -282,6 +286,10 @@ def main():
         print("save_crash: FAILED: %s\n(work directory kept: %s)" % (e, work), file=sys.stderr)
         return 1
     finally:
+        for p in RUNNING:
+            if p.poll() is None:
+                p.kill()
+                p.wait()
         if not keep:
             subprocess.run(["rm", "-rf", work])
 

@@ -22,6 +22,7 @@
 #include "tools/daemon/command.h"
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
+#include "tools/daemon/stop.h"
 
 namespace {
 
@@ -156,8 +157,9 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency, status)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency, status)"},
+        {{"status", "--verbose"}, "status: usage: status [--json]"},
     };
     for (const Case& c : cases) {
         Command cmd;
@@ -298,6 +300,7 @@ struct FakeBackend {
     std::vector<live::Event> events;
     live::Latency latency;
     std::vector<bool> latencyClears;
+    live::SaveStatus saveStatus;
 
     ctl::Backend backend()
     {
@@ -329,6 +332,7 @@ struct FakeBackend {
             latencyClears.push_back(clear);
             return latency;
         };
+        b.saveStatus = [this] { return saveStatus; };
         return b;
     }
 };
@@ -418,6 +422,63 @@ TEST(ControlCommands, DebugSwitchAndReads)
 }
 
 // ---- the socket ----------------------------------------------------------------------
+
+// A failed save stops every further save: the status says so, loudly.
+TEST(ControlCommands, StatusShowsStoppedSavingAndTheLastGoodCopy)
+{
+    FakeBackend f;
+    f.saveStatus.path = "/var/lib/dhcpsnoop/dhcpSnoop.cfg";
+    f.saveStatus.savesCompleted = 3;
+    f.saveStatus.lastGoodMs = 1795556401000ull;  // 2026-11-24T...
+    f.saveStatus.lastGoodBindings = 2;
+    Reply r = ctl::runCommand({"status"}, f.backend());
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.body, "binding file: /var/lib/dhcpsnoop/dhcpSnoop.cfg\n"
+                      "saving: on\n"
+                      "saves completed: 3\n"
+                      "save failures: 0\n"
+                      "last good copy: " + ctl::utcText(1795556401000ull) + " (2 bindings)\n");
+    f.saveStatus.saving = false;
+    f.saveStatus.saveFailures = 1;
+    f.saveStatus.failedMs = 1795556461000ull;
+    f.saveStatus.restoredAtStart = true;
+    r = ctl::runCommand({"status"}, f.backend());
+    EXPECT_NE(r.body.find("saving: STOPPED after a failed save at " + ctl::utcText(1795556461000ull) +
+                          " (SIGHUP to the daemon starts it again)\n"),
+              std::string::npos)
+        << r.body;
+    EXPECT_NE(r.body.find("save failures: 1\n"), std::string::npos);
+    EXPECT_NE(r.body.find("restored at start: "), std::string::npos);
+    r = ctl::runCommand({"status", "--json"}, f.backend());
+    EXPECT_EQ(r.body, "{\"binding_file\":\"/var/lib/dhcpsnoop/dhcpSnoop.cfg\",\"saving\":false,\"saves_completed\":3,"
+                      "\"save_failures\":1,\"failed_at\":\"" + ctl::utcText(1795556461000ull) +
+                      "\",\"last_good_copy\":\"" + ctl::utcText(1795556401000ull) +
+                      "\",\"last_good_bindings\":2,\"restored_at_start\":true}\n");
+    f.saveStatus = live::SaveStatus();
+    r = ctl::runCommand({"status", "--json"}, f.backend());
+    EXPECT_NE(r.body.find("\"failed_at\":null,\"last_good_copy\":null"), std::string::npos) << r.body;
+}
+
+// How the daemon ends: a descriptor that cannot be read stops it with its
+// own code, and an unfinished save outranks everything.
+TEST(DaemonStop, SignalsThatCannotBeReadAndUnfinishedSavesAreNoCleanExit)
+{
+    std::string error;
+    EXPECT_EQ(dstop::readSignal(-1, error), dstop::SignalEvent::Failed);
+    EXPECT_EQ(error, "reading signals: Bad file descriptor");
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(write(p[1], "abc", 3), 3);
+    EXPECT_EQ(dstop::readSignal(p[0], error), dstop::SignalEvent::Failed);
+    EXPECT_EQ(error, "reading signals: short read");
+    close(p[1]);
+    EXPECT_EQ(dstop::readSignal(p[0], error), dstop::SignalEvent::Failed) << "end of file";
+    close(p[0]);
+    EXPECT_EQ(dstop::stopExitCode(false, true), 0);
+    EXPECT_EQ(dstop::stopExitCode(true, true), 3);
+    EXPECT_EQ(dstop::stopExitCode(false, false), 4);
+    EXPECT_EQ(dstop::stopExitCode(true, false), 4);
+}
 
 TEST(ControlProtocol, RequestsAndReplies)
 {
@@ -594,10 +655,118 @@ TEST_F(ControlSocket, ARunningDaemonsSocketIsNotTaken)
     ctl::Server second;
     std::string error;
     EXPECT_FALSE(second.listen(path, error));
-    EXPECT_EQ(error, "another daemon is listening on " + path);
+    EXPECT_EQ(error, "another daemon is listening on " + path + " (it holds " + path + ".lock)");
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << "the first one still answers";
 }
+
+TEST_F(ControlSocket, AListeningSocketWithoutTheLockIsNotTakenEither)
+{
+    // A daemon that holds no lock file (an older one) listens on the path.
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un a;
+    memset(&a, 0, sizeof a);
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+    ASSERT_EQ(bind(fd, (struct sockaddr*)&a, sizeof a), 0);
+    ASSERT_EQ(listen(fd, 1), 0);
+    ctl::Server second;
+    std::string error;
+    EXPECT_FALSE(second.listen(path, error));
+    EXPECT_EQ(error, "another daemon is listening on " + path);
+    struct stat st;
+    EXPECT_EQ(lstat(path.c_str(), &st), 0);
+    close(fd);
+    // Its lock is given up with the refusal: a later start may take it.
+    EXPECT_TRUE(second.listen(path, error)) << error;
+}
+
+// Two daemons starting at once: the second probes the first one's socket
+// after its bind and before its listen, when a connect is still refused.
+TEST_F(ControlSocket, TwoDaemonsStartingAtOnceCannotBothListen)
+{
+    ctl::Server first;
+    ctl::Server second;
+    std::string error, secondError;
+    bool secondListened = true;
+    first.afterBindForTests = [&] { secondListened = second.listen(path, secondError); };
+    ASSERT_TRUE(first.listen(path, error)) << error;
+    EXPECT_FALSE(secondListened) << "both would serve";
+    EXPECT_EQ(secondError, "another daemon is listening on " + path + " (it holds " + path + ".lock)");
+    struct stat st;
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << "the first one's socket stays";
+    first.stop();
+    // Once the first has stopped, its lock is free again (the lock file stays).
+    EXPECT_TRUE(second.listen(path, error)) << error;
+    second.stop();
+    EXPECT_EQ(access((path + ".lock").c_str(), F_OK), 0);
+}
+
+// Whoever can write the socket's directory may swap the fresh socket file
+// for a symbolic link: nothing may then change the link's target.
+TEST_F(ControlSocket, ASymlinkPlantedAfterTheBindIsNotFollowed)
+{
+    std::string victim = dir + "/victim";
+    std::ofstream(victim) << "x";
+    ASSERT_EQ(chmod(victim.c_str(), 0644), 0);
+    ctl::Server s;
+    s.afterBindForTests = [&] {
+        unlink(path.c_str());
+        ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
+    };
+    std::string error;
+    EXPECT_FALSE(s.listen(path, error)) << "the socket file is no longer ours";
+    EXPECT_EQ(error, "control socket " + path + " was replaced while it was being made");
+    struct stat st;
+    ASSERT_EQ(stat(victim.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u) << "the link's target was changed";
+    ASSERT_EQ(lstat(path.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "another's file is not removed";
+}
+
+TEST_F(ControlSocket, OnlyRootAndTheDaemonsOwnUserAreServed)
+{
+    serve();
+    std::string out, err;
+    EXPECT_EQ(ctl({"events"}, out, err), 0) << "the daemon's own user";
+    // A server whose users are others than this test's.
+    server.reset(new ctl::Server);
+    server->allowUsers({(uint32_t)geteuid() + 4242u});
+    std::string error;
+    ASSERT_TRUE(server->listen(path, error)) << error;
+    ASSERT_TRUE(server->start([this](const std::vector<std::string>& w) { return ctl::runCommand(w, fake.backend()); },
+                              error))
+        << error;
+    EXPECT_EQ(ctl({"events"}, out, err), 1);
+    EXPECT_EQ(err, "dhcpsnoopctl: user " + std::to_string(geteuid()) +
+                       " may not use the control socket (root and the daemon's user only)\n");
+    EXPECT_EQ(out, "");
+}
+
+#ifdef DHCPSNOOP_CTL_TOOL
+// The socket file is owner-only; even where its mode or directory were
+// opened up, another user's command is refused by its credentials.
+TEST_F(ControlSocket, AnotherUserIsRefusedEvenThroughAnOpenSocketFile)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run a client as another user";
+    fake.bindings = {binding({198, 18, 0, 23}, 10, {2, 0, 0, 0, 0, 3}, "1/0/3", 3597)};
+    serve();
+    ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    std::string errFile = dir + "/err";
+    std::string cmd = "setpriv --reuid=65534 --regid=65534 --clear-groups " + std::string(DHCPSNOOP_CTL_TOOL) +
+                      " --control '" + path + "' delete 198.18.0.23 10 02:00:00:00:00:03 >/dev/null 2>'" +
+                      errFile + "'";
+    int st = system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 1);
+    std::ifstream in(errFile);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text, "dhcpsnoopctl: user 65534 may not use the control socket (root and the daemon's user only)\n");
+    EXPECT_TRUE(fake.removed.empty()) << "nothing of the command was run";
+}
+#endif
 
 TEST_F(ControlSocket, AFileThatIsNoSocketIsLeftAlone)
 {
@@ -651,7 +820,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency, status)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());

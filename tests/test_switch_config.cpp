@@ -215,6 +215,8 @@ TEST(SwitchConfig, BadFilesAreRefusedNamingKeyAndLine)
          "sw.toml:2: port.name: \"eth0\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         {"leading zero", "[[port]]\nname = \"1/0/03\"\nvlan = 1\n",
          "sw.toml:2: port.name: \"1/0/03\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
+        {"control characters in a name", "[[port]]\nname = \"1/0/3\\n\\u001b[2J\"\nvlan = 1\n",
+         "sw.toml:2: port.name: \"1/0/3??[2J\" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         {"trailing blank", "[[port]]\nname = \"1/0/3 \"\nvlan = 1\n",
          "sw.toml:2: port.name: \"1/0/3 \" is not a port (\"U/0/P\" with P 1..64, or \"poN\" with N 1..15)"},
         // duplicate ports
@@ -269,6 +271,84 @@ TEST(SwitchConfig, PortNames)
     for (const char* bad : {"", "po", "po0", "po1x", "1/0", "1//1", "0/0/1", "256/0/1", "1/0/1/",
                             "/0/1", "PO1", " 1/0/1"})
         EXPECT_FALSE(swcfg::parsePortName(bad, &h)) << bad;
+}
+
+// The daemon is one unit of a stack, and the module finds a frame's receive
+// port by walking the first 79 flat port indexes (unit 1's 64 ports, then
+// either the 15 port channels on unit 1 or unit 2's first 15 ports): a port
+// of another unit, or one past the walk, would be judged as another port or
+// as no port at all.
+TEST(SwitchConfig, PortsOfAnotherUnitOrPastTheReceiveWalkAreRefused)
+{
+    auto cfgWith = [](int unit, const char* name) {
+        return "[switch]\nunit = " + std::to_string(unit) + "\n\n[[port]]\nname = \"" + name +
+               "\"\nvlan = 1\n";
+    };
+    const BadCase cases[] = {
+        {"2/0/5 on unit 1 (read as po6 by the walk)", cfgWith(1, "2/0/5"),
+         "sw.toml:5: port.name: \"2/0/5\" is a port of unit 2, and this switch is unit 1 (switch.unit)"},
+        {"1/0/3 on unit 2", cfgWith(2, "1/0/3"),
+         "sw.toml:5: port.name: \"1/0/3\" is a port of unit 1, and this switch is unit 2 (switch.unit)"},
+        {"2/0/16 on unit 2", cfgWith(2, "2/0/16"),
+         "sw.toml:5: port.name: \"2/0/16\" cannot be handled on unit 2: the module finds receive ports "
+         "2/0/1 to 2/0/15 only"},
+        {"2/0/64 on unit 2", cfgWith(2, "2/0/64"),
+         "sw.toml:5: port.name: \"2/0/64\" cannot be handled on unit 2: the module finds receive ports "
+         "2/0/1 to 2/0/15 only"},
+        {"port channel on unit 2", cfgWith(2, "po1"),
+         "sw.toml:5: port.name: \"po1\" cannot be handled on unit 2: the module finds port channels on "
+         "unit 1 only"},
+        {"3/0/1 on unit 3", cfgWith(3, "3/0/1"),
+         "sw.toml:5: port.name: \"3/0/1\" cannot be handled on unit 3: the module finds receive ports on "
+         "units 1 and 2 only"},
+        {"po15 on unit 8", cfgWith(8, "po15"),
+         "sw.toml:5: port.name: \"po15\" cannot be handled on unit 8: the module finds port channels on "
+         "unit 1 only"},
+    };
+    for (const BadCase& c : cases) {
+        swcfg::SwitchConfig cfg;
+        std::string error;
+        EXPECT_FALSE(swcfg::parseSwitchConfig(c.text, "sw.toml", cfg, error)) << c.what;
+        EXPECT_EQ(error, c.error) << c.what;
+    }
+    // The [switch] table may follow the ports: the unit is known only at the end.
+    swcfg::SwitchConfig cfg;
+    std::string error;
+    EXPECT_FALSE(swcfg::parseSwitchConfig("[[port]]\nname = \"2/0/1\"\nvlan = 1\n[switch]\nunit = 1\n",
+                                          "sw.toml", cfg, error));
+    EXPECT_EQ(error, "sw.toml:2: port.name: \"2/0/1\" is a port of unit 2, and this switch is unit 1 (switch.unit)");
+    // The edges that are reached.
+    for (const auto& ok : {cfgWith(1, "1/0/64"), cfgWith(1, "po15"), cfgWith(2, "2/0/1"), cfgWith(2, "2/0/15")}) {
+        swcfg::SwitchConfig c = parseOk(ok);
+        EXPECT_EQ(c.ports.size(), 1u) << ok;
+    }
+}
+
+// The TOML library reaches undefined behaviour on a non-ASCII character
+// where its lexer may look for whitespace: the file must be ASCII, other
+// characters are written in strings with escapes.
+TEST(SwitchConfig, ABytePastAsciiIsRefusedBeforeTheTomlLibraryReadsIt)
+{
+    const std::string what = ": a byte that is not ASCII (write other characters in strings as \\uXXXX)";
+    const std::string port = "[[port]]\nname = \"1/0/1\"\nvlan = 1\n";
+    const BadCase cases[] = {
+        {"bare value", "[switch]\nunit = \xcc\xac\n", "sw.toml:2"},
+        {"after a value", "[switch]\nunit = 1 \xcc\xac\n", "sw.toml:2"},
+        {"table name", "[[por\xcc\xac]]\nname = \"1/0/1\"\n", "sw.toml:1"},
+        {"after a line-ending backslash", port + "circuit_id = \"\"\"a\\\n  \xcc\xac\"\"\"\n", "sw.toml:5"},
+        {"in a number", "[switch]\nmac = 0\":02\xef\xba\xbf\"\n", "sw.toml:2"},
+        {"in a string", port + "circuit_id = \"r\xc3\xa9seau\"\n", "sw.toml:4"},
+        {"in a comment", "# r\xc3\xa9seau\n", "sw.toml:1"},
+    };
+    for (const BadCase& c : cases) {
+        swcfg::SwitchConfig cfg;
+        std::string error;
+        EXPECT_FALSE(swcfg::parseSwitchConfig(c.text, "sw.toml", cfg, error)) << c.what;
+        EXPECT_EQ(error, c.error + what) << c.what;
+    }
+    swcfg::SwitchConfig c = parseOk(port + "circuit_id = \"r\\u00e9seau \\u032c\"\n");
+    ASSERT_EQ(c.ports.size(), 1u);
+    EXPECT_EQ(c.ports[0].circuitId, "r\xc3\xa9seau \xcc\xac");
 }
 
 TEST(SwitchConfig, UnreadableFile)

@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -393,9 +394,20 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     }
     // The module loads and saves its binding file here: a missing directory
     // would lose every save.
+    // The bindings name every client's address and MAC: a directory made
+    // here is the owner's only (one that exists keeps its mode).
     if (!opt.dataDir.empty()) {
         std::error_code ec;
-        std::filesystem::create_directories(opt.dataDir, ec);
+        struct stat st;
+        if (lstat(opt.dataDir.c_str(), &st) != 0 && errno == ENOENT) {
+            std::filesystem::path parent = std::filesystem::path(opt.dataDir).parent_path();
+            if (!parent.empty())
+                std::filesystem::create_directories(parent, ec);
+            if (mkdir(opt.dataDir.c_str(), 0700) != 0 && errno != EEXIST) {
+                error = "data directory " + opt.dataDir + ": " + strerror(errno);
+                return false;
+            }
+        }
         if (!std::filesystem::is_directory(opt.dataDir, ec)) {
             error = "data directory " + opt.dataDir + ": " +
                     (ec ? ec.message() : std::string("not a directory"));
@@ -421,6 +433,7 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     }
     runtime::setDataDir(opt.dataDir);
     logging::configure(opt.useSyslog, opt.eventsKept);
+    persist::prepare(opt.dataDir);
     if (!core::setUp(cfg, opt, transmit, error)) {
         closeAll(p);
         return false;
@@ -487,9 +500,12 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
 
 // The main queue first: a frame still waiting or being handled may queue a
 // save of its own.
+// After a failed save no task takes the save queue's requests: nothing to
+// wait for there.
 bool saveIdle()
 {
-    return runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME) && runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME);
+    return runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME) &&
+           (!saveStatus().saving || runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME));
 }
 
 std::vector<PortCounters> counters() { return core::counters(); }

@@ -43,6 +43,31 @@ bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);
 // module has taken could still queue one.
 bool saveIdle();
 
+// The binding file. The module rewrites it in place after each batch of
+// binding changes; the platform keeps a last good copy beside it
+// (dhcpSnoop.cfg.good, written atomically after every completed save) and
+// puts that copy back at start when the file is not complete. After a failed
+// save the module saves no more: restartSaving (SIGHUP) starts it again.
+struct SaveStatus {
+    std::string path;              // the binding file
+    bool saving = true;            // false after a failed save
+    uint64_t savesCompleted = 0;
+    uint64_t saveFailures = 0;
+    uint64_t failedMs = 0;         // Unix ms of the last failure, 0 none
+    uint64_t lastGoodMs = 0;       // Unix ms of the last good copy, 0 none
+    uint32_t lastGoodBindings = 0; // lines in it
+    bool restoredAtStart = false;  // the file was replaced by its good copy
+};
+SaveStatus saveStatus();
+// Starts the save task again after a failed save, with one save at once;
+// false with why when saving was not stopped or the task cannot be made.
+bool restartSaving(std::string& error);
+
+// Codes of the platform's own system-log entries (beside the module's).
+constexpr uint32_t kEventSaveFailed = 0x4C490001u;
+constexpr uint32_t kEventSavesRestarted = 0x4C490002u;
+constexpr uint32_t kEventBindingFileRestored = 0x4C490003u;
+
 struct PortCounters {
     std::string name;       // "1/0/3"
     std::string interface;  // "veth3"

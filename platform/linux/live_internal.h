@@ -99,11 +99,33 @@ void setDataDir(const std::string& dir);
 // The number of records waiting in a named queue, and whether its consumer
 // is still working on the last record it took.
 bool queueIdle(const char* name);
+// Posts one record to the named queue without waiting; false when full.
+bool postByName(const char* name, const void* record, uint32_t size);
 // Marks the switch application as started (isSwitchInited).
 
 }  // namespace runtime
 
+namespace persist {
+
+// A binding file exactly as the module writes it, ended by its END line;
+// *lines = its bindings.
+bool fileComplete(const std::string& text, size_t* lines);
+std::string mainPath();
+std::string copyPath();
+// At start, before the module loads: modes 0600, and the file restored from
+// its good copy when it is not complete (or the copy brought up to the file).
+void prepare(const std::string& dataDir);
+// On the save task, back at its queue after a save: the good copy follows.
+void saveCompleted();
+// The save task ended: its save failed.
+void saveTaskEnded();
+
+}  // namespace persist
+
 namespace logging {
+
+// A system-log entry of the platform's own (kept for `events`, to syslog).
+void addEvent(uint32_t code, int priority, const std::string& text);
 
 // Marks the switch application as started (isSwitchInited).
 void setSwitchInited(bool on);

@@ -361,6 +361,27 @@ namespace logging {
 void setSwitchInited(bool on) { gSwitchInited.store(on); }
 
 void platformEvent(uint32_t code, const std::string& text) { storeEvent(code, text, LOG_WARNING); }
+void addEvent(uint32_t code, int priority, const std::string& text)
+{
+    live::Event e;
+    e.unixMs = unixMs();
+    e.code = code;
+    e.text = text;
+    std::lock_guard<std::mutex> g(gEventsLock);
+    if (gUseSyslog) {
+        if (!gSyslogOpen) {
+            openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
+            gSyslogOpen = true;
+        }
+        syslog(priority, "%s", text.c_str());
+    }
+    if (gEventsKept > 0) {
+        auto& ring = eventRing();
+        while (ring.size() >= gEventsKept)
+            ring.pop_front();
+        ring.push_back(std::move(e));
+    }
+}
 
 void configure(bool useSyslog, uint32_t eventsKept)
 {

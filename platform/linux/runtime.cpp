@@ -69,6 +69,7 @@ struct Queue {
     bool consumerBusy = false;  // took a record, not back for the next yet
     pthread_t consumer{};
     bool hasConsumer = false;
+    bool saveQueue = false;  // the module's binding-file save requests
     std::mutex m;
     std::condition_variable notEmpty;
     std::condition_variable notFull;
@@ -255,6 +256,8 @@ void* threadMain(void* p)
     payWakes();
     // A task that ended (the save task after a failed save) works on nothing.
     live::runtime::consumerEnded(pthread_self());
+    if (t->name == DHCP_SNOOP_SAVE_TASK_NAME)
+        live::persist::saveTaskEnded();
     return nullptr;
 }
 
@@ -401,6 +404,7 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
     if (!q)
         return 0;
     q->name = name ? name : "";
+    q->saveQueue = q->name == DHCP_SNOOP_SAVE_QUEUE_NAME;
     q->depth = depth;
     q->recordSize = recordSize;
     q->ring.assign((size_t)depth * recordSize, 0);
@@ -451,6 +455,14 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     if (n > 0 && !buffer)
         return -1;
     std::unique_lock<std::mutex> lk(q->m);
+    // The save task back for its next record has completed a save (a failed
+    // one ends the task): the binding file's good copy follows it, while the
+    // queue still counts as busy for a stop that waits for saves.
+    if (q->saveQueue && q->consumerBusy && q->hasConsumer && pthread_equal(q->consumer, pthread_self())) {
+        lk.unlock();
+        live::persist::saveCompleted();
+        lk.lock();
+    }
     q->consumerBusy = false;
     if (q->count == 0 && wait != 0 && tOwedCount > 0) {
         // About to wait: the tasks this one posted to run now.
@@ -624,6 +636,17 @@ void consumerEnded(pthread_t self)
         std::lock_guard<std::mutex> lk(q->m);
         if (q->hasConsumer && pthread_equal(q->consumer, self))
             q->consumerBusy = false;
+    }
+}
+
+bool postByName(const char* name, const void* record, uint32_t size)
+{
+    for (size_t i = 0;; ++i) {
+        Queue* q = queueOf((PalMsgQ)(i + 1));
+        if (!q)
+            return false;
+        if (q->name == name)
+            return pal_msgQ_send((PalMsgQ)(i + 1), record, size, 0, 0) == 0;
     }
 }
 

@@ -153,6 +153,20 @@ TEST_F(Switch, FrameOfAVlanThePortDoesNotCarryIsDropped)
     EXPECT_EQ(counters("1/0/5").dropped["VLAN 10 not carried by the port"], 1u);
 }
 
+TEST_F(Switch, DropsOfVlansThePortDoesNotCarryKeepFewCounterKeys)
+{
+    bringUp(kConfig);
+    fb::Bytes d = fb::discover().srcMac(mac(5)).build();
+    for (int vid = 100; vid < 400; ++vid)
+        rx("1/0/5", fb::addVlan(d, (uint16_t)vid));
+    rx("1/0/5", fb::addVlan(d, 100));
+    live::PortCounters c = counters("1/0/5");
+    EXPECT_EQ(c.dropped.size(), 9u) << "eight VLANs by name, the rest together";
+    EXPECT_EQ(c.dropped["VLAN 100 not carried by the port"], 2u);
+    EXPECT_EQ(c.dropped["VLAN 107 not carried by the port"], 1u);
+    EXPECT_EQ(c.dropped["other VLANs not carried by the port"], 292u);
+}
+
 TEST_F(Switch, UntaggedFrameOnATrunkBelongsToItsAccessVlanAndPriorityTagsToo)
 {
     bringUp(kConfig);
@@ -691,21 +705,19 @@ mac = "02:00:00:00:00:fe"
 snooping_vlans = [10]
 
 [[port]]
-name = "2/0/40"
-vlan = 10
-
-[[port]]
-name = "po12"
+name = "2/0/15"
 vlan = 10
 )");
     EXPECT_EQ(stkGetCurrentUnit(), 2u);
     EXPECT_EQ(inner_up_unit_is_valid(2), 1u);
     EXPECT_EQ(inner_up_unit_is_valid(1), 0u);
-    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 40)), 1u);
-    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 41)), 0u);
+    // The unit's default shape (28 ports, 8 port channels); the configuration
+    // may name only the ports the module's receive walk reaches.
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 28)), 1u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 29)), 0u);
     EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PHYSICAL, 1, 0, 1)), 0u);
-    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 12)), 1u);
-    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 13)), 0u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 8)), 1u);
+    EXPECT_EQ(inner_up_is_valid(UP_MAKE(UP_TYPE_PORT_CHANNEL, 0, 0, 9)), 0u);
     ::up h = 0;
     ASSERT_EQ(inner_up_from_index(&h, 64, 1, __func__, __LINE__), 0u);
     EXPECT_EQ(h, UP_MAKE(UP_TYPE_PHYSICAL, 2, 0, 1));

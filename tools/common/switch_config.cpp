@@ -76,6 +76,37 @@ bool parsePortName(const std::string& text, up* handle)
     return true;
 }
 
+bool receivePortReachable(uint32_t unit, up handle, std::string* why)
+{
+    constexpr uint32_t kPerUnit = 64;
+    std::string w;
+    if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
+        uint32_t portUnit = UP_UNIT(handle);
+        if (portUnit != unit) {
+            w = "is a port of unit " + std::to_string(portUnit) + ", and this switch is unit " +
+                std::to_string(unit) + " (switch.unit)";
+        } else if ((unit - 1) * kPerUnit >= kReceiveWalkIndexes) {
+            w = "cannot be handled on unit " + std::to_string(unit) +
+                ": the module finds receive ports on units 1 and 2 only";
+        } else if ((unit - 1) * kPerUnit + UP_PORT(handle) - 1 >= kReceiveWalkIndexes) {
+            uint32_t last = kReceiveWalkIndexes - (unit - 1) * kPerUnit;
+            w = "cannot be handled on unit " + std::to_string(unit) + ": the module finds receive ports " +
+                std::to_string(unit) + "/0/1 to " + std::to_string(unit) + "/0/" + std::to_string(last) +
+                " only";
+        }
+    } else if (UP_KIND(handle) == UP_TYPE_PORT_CHANNEL) {
+        // The port channels follow the physical ports of every unit up to this one.
+        if (unit * kPerUnit + UP_PORT(handle) - 1 >= kReceiveWalkIndexes)
+            w = "cannot be handled on unit " + std::to_string(unit) +
+                ": the module finds port channels on unit 1 only";
+    } else {
+        w = "is not a port";
+    }
+    if (why)
+        *why = w;
+    return w.empty();
+}
+
 DhcpSnoopPortCfg snoopRecord(const PortConfig& p)
 {
     DhcpSnoopPortCfg r;
@@ -314,6 +345,7 @@ void parsePort(Checker& c, const toml::table& t, uint32_t tableLine, SwitchConfi
         return;
     }
     uint32_t nameLine = Checker::lineOf(*t.get("name"));
+    port.nameLine = nameLine;
     if (!parsePortName(port.name, &port.handle)) {
         c.fail(nameLine, p + "name",
                "\"" + port.name +
@@ -382,17 +414,55 @@ void parsePort(Checker& c, const toml::table& t, uint32_t tableLine, SwitchConfi
 
 }  // namespace
 
+namespace {
+
+// Messages quote the file's own texts (keys, port names): a control
+// character in one must not break the line or reach the terminal.
+std::string oneLine(std::string text)
+{
+    for (char& ch : text) {
+        unsigned char c = (unsigned char)ch;
+        if (c < 0x20 || c == 0x7F)
+            ch = '?';
+    }
+    return text;
+}
+
+// The TOML library of Debian 12 (toml++ 3.3) reaches an unreachable point
+// (undefined behaviour) when it asks whether a non-ASCII character is
+// whitespace, which it does wherever its lexer may meet one outside a string.
+// The file is therefore ASCII; other characters go into strings as \uXXXX.
+// 0 when the text is ASCII, else the line of the first other byte.
+uint32_t nonAsciiLine(const std::string& t)
+{
+    uint32_t line = 1;
+    for (char ch : t) {
+        if (ch == '\n')
+            ++line;
+        else if ((unsigned char)ch >= 0x80)
+            return line;
+    }
+    return 0;
+}
+
+}  // namespace
+
 bool parseSwitchConfig(const std::string& text, const std::string& source, SwitchConfig& out,
                        std::string& error)
 {
     SwitchConfig cfg;
     cfg.source = source;
+    if (uint32_t line = nonAsciiLine(text)) {
+        error = oneLine(source + ":" + std::to_string(line) +
+                        ": a byte that is not ASCII (write other characters in strings as \\uXXXX)");
+        return false;
+    }
     toml::parse_result r = toml::parse(text, source);
     if (!r) {
         const toml::parse_error& e = r.error();
         std::ostringstream o;
         o << source << ":" << e.source().begin.line << ": " << e.description();
-        error = o.str();
+        error = oneLine(o.str());
         return false;
     }
     const toml::table& root = r.table();
@@ -420,8 +490,14 @@ bool parseSwitchConfig(const std::string& text, const std::string& source, Switc
         if (c.failed())
             break;
     }
+    // Only now is the unit known: [switch] may come after the ports.
+    for (const PortConfig& p : cfg.ports) {
+        std::string why;
+        if (!c.failed() && !receivePortReachable(cfg.unit, p.handle, &why))
+            c.fail(p.nameLine, "port.name", "\"" + p.name + "\" " + why);
+    }
     if (c.failed()) {
-        error = c.error();
+        error = oneLine(c.error());
         return false;
     }
     out = cfg;

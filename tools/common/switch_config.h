@@ -36,6 +36,7 @@ struct PortConfig {
     std::string remoteId;        // empty: switch-MAC remote ID
     std::string interface;       // live daemon only
     uint32_t line = 0;           // of the [[port]] table, for messages
+    uint32_t nameLine = 0;       // of its name
 
     bool carries(uint16_t vid) const;
     bool tags(uint16_t vid) const;  // carried with an 802.1Q tag
@@ -63,6 +64,13 @@ struct SwitchConfig {
 // ranges of this switch family (slot 0, ports 1..64, port channels 1..15).
 // False when the text names no port.
 bool parsePortName(const std::string& text, up* handle);
+
+// Whether the module can handle frames received on a port of this unit: it
+// finds a frame's receive port by walking the first kReceiveWalkIndexes flat
+// port indexes (64 per unit from unit 1, then the port channels). False with
+// why (one phrase) for a port of another unit or one the walk never reaches.
+constexpr uint32_t kReceiveWalkIndexes = 79;
+bool receivePortReachable(uint32_t unit, up handle, std::string* why);
 
 // Parses and checks a whole configuration. On failure returns false and sets
 // error to one line "SOURCE:LINE: KEY: what is wrong".

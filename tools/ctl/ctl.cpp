@@ -16,6 +16,7 @@ const char* const kUsage =
     "  counters [--json]            frames per port: received, sent, trapped, dropped by reason\n"
     "  events [--json]              system-log entries, oldest first\n"
     "  latency [--json] [--clear]   trapped frames from the trap to their transmission: p50, p99, max\n"
+    "  status [--json]              the binding file: saving or stopped, saves, failures, last good copy\n"
     "SOCKET defaults to /run/dhcpsnoop.sock.\n";
 
 int refuse(std::ostream& err, std::string message)

@@ -147,7 +147,7 @@ bool parseLevel(const std::string& text, uint32_t& level, std::string& error)
 bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::string& error)
 {
     if (words.empty()) {
-        error = "no command (bindings, delete, debug, debug-level, counters, events, latency)";
+        error = "no command (bindings, delete, debug, debug-level, counters, events, latency, status)";
         return false;
     }
     const std::string& name = words[0];
@@ -158,8 +158,11 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         error = name + ": usage: " + usage;
         return false;
     };
-    if (name == "bindings" || name == "counters" || name == "events") {
-        c.kind = name == "bindings" ? Command::Bindings : name == "counters" ? Command::Counters : Command::Events;
+    if (name == "bindings" || name == "counters" || name == "events" || name == "status") {
+        c.kind = name == "bindings"   ? Command::Bindings
+                 : name == "counters" ? Command::Counters
+                 : name == "events"   ? Command::Events
+                                      : Command::Status;
         if (words.size() > 2 || (words.size() == 2 && words[1] != "--json")) {
             error = name + ": usage: " + name + " [--json]";
             return false;
@@ -202,7 +205,7 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         c.set = words[2] == "set";
     } else {
         error = "unknown command " + quoteWord(name) +
-                " (bindings, delete, debug, debug-level, counters, events, latency)";
+                " (bindings, delete, debug, debug-level, counters, events, latency, status)";
         return false;
     }
     cmd = c;
@@ -379,6 +382,38 @@ std::string eventsTable(const std::vector<live::Event>& events)
     return out;
 }
 
+std::string statusJson(const live::SaveStatus& st)
+{
+    std::ostringstream o;
+    o << "{\"binding_file\":" << jsontext::quoted(st.path) << ",\"saving\":" << (st.saving ? "true" : "false")
+      << ",\"saves_completed\":" << st.savesCompleted << ",\"save_failures\":" << st.saveFailures
+      << ",\"failed_at\":" << (st.failedMs ? jsontext::quoted(utcText(st.failedMs)) : "null")
+      << ",\"last_good_copy\":" << (st.lastGoodMs ? jsontext::quoted(utcText(st.lastGoodMs)) : "null")
+      << ",\"last_good_bindings\":" << st.lastGoodBindings
+      << ",\"restored_at_start\":" << (st.restoredAtStart ? "true" : "false") << "}\n";
+    return o.str();
+}
+
+std::string statusTable(const live::SaveStatus& st)
+{
+    std::string out = "binding file: " + st.path + "\n";
+    if (st.saving)
+        out += "saving: on\n";
+    else
+        out += "saving: STOPPED after a failed save at " + utcText(st.failedMs) +
+               " (SIGHUP to the daemon starts it again)\n";
+    out += "saves completed: " + std::to_string(st.savesCompleted) + "\n";
+    out += "save failures: " + std::to_string(st.saveFailures) + "\n";
+    if (st.lastGoodMs)
+        out += "last good copy: " + utcText(st.lastGoodMs) + " (" + std::to_string(st.lastGoodBindings) +
+               " bindings)\n";
+    else
+        out += "last good copy: none since start\n";
+    if (st.restoredAtStart)
+        out += "restored at start: the file was not complete and was replaced by its last good copy\n";
+    return out;
+}
+
 Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
 {
     Reply r;
@@ -445,6 +480,9 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
         r.body = c.json ? latencyJson(l) : latencyTable(l);
         break;
     }
+    case Command::Status:
+        r.body = c.json ? statusJson(backend.saveStatus()) : statusTable(backend.saveStatus());
+        break;
     }
     r.ok = true;
     return r;

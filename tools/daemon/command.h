@@ -32,7 +32,7 @@ struct Binding {
 };
 
 struct Command {
-    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency } kind = Bindings;
+    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency, Status } kind = Bindings;
     bool json = false;
     BindingKey key;        // Delete
     bool on = false;       // Debug
@@ -63,6 +63,8 @@ std::string eventsJson(const std::vector<live::Event>& events);
 std::string eventsTable(const std::vector<live::Event>& events);
 std::string latencyJson(const live::Latency& latency);
 std::string latencyTable(const live::Latency& latency);
+std::string statusJson(const live::SaveStatus& status);
+std::string statusTable(const live::SaveStatus& status);
 
 struct Reply {
     bool ok = false;
@@ -81,6 +83,7 @@ struct Backend {
     std::function<std::vector<live::Event>()> events;
     // Trap-to-transmit latency of the frames so far; clear: start again.
     std::function<live::Latency(bool clear)> latency;
+    std::function<live::SaveStatus()> saveStatus;
 };
 
 // Checks the words again and runs the command.

@@ -5,11 +5,14 @@
 #include <poll.h>
 #include <pthread.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace ctl {
 
@@ -220,6 +223,7 @@ CallResult call(const std::string& path, const std::vector<std::string>& words, 
 
 Server::Server()
 {
+    allowed_ = {0u, (uint32_t)geteuid()};
     if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
         wake_[0] = wake_[1] = -1;
 }
@@ -229,6 +233,7 @@ Server::~Server()
     stop();
     closeFd(wake_[0]);
     closeFd(wake_[1]);
+    closeFd(lockFd_);
 }
 
 bool Server::listen(const std::string& path, std::string& error)
@@ -244,17 +249,45 @@ bool Server::listen(const std::string& path, std::string& error)
     }
     if (!socketAddress(path, addr, error))
         return false;
+    // One daemon per socket path: whoever holds the lock may replace a stale
+    // socket file; without it, two daemons starting at once could each find
+    // the other's bound but not yet listening socket "stale" and both serve.
+    // The lock file stays: removing it would let a third daemon lock a new
+    // file while the second still holds the old one.
+    std::string lockPath = path + ".lock";
+    if (lockFd_ < 0) {
+        int lfd = open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (lfd < 0) {
+            error = sysError("control socket lock " + lockPath);
+            return false;
+        }
+        if (flock(lfd, LOCK_EX | LOCK_NB) != 0) {
+            int err = errno;
+            close(lfd);
+            if (err == EWOULDBLOCK) {
+                error = "another daemon is listening on " + path + " (it holds " + lockPath + ")";
+            } else {
+                errno = err;
+                error = sysError("control socket lock " + lockPath);
+            }
+            return false;
+        }
+        lockFd_ = lfd;
+    }
+    auto unlock = [this] { closeFd(lockFd_); };
     struct stat st;
     if (lstat(path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             error = "control socket " + path + " exists and is not a socket";
+            unlock();
             return false;
         }
-        // Replace the file only when nothing answers on it: a second daemon
-        // must not steal the socket of a running one.
+        // Replace the file only when nothing answers on it: a daemon that
+        // predates the lock file must not lose its socket either.
         int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (probe < 0) {
             error = sysError("socket");
+            unlock();
             return false;
         }
         int rc = connect(probe, (struct sockaddr*)&addr, sizeof addr);
@@ -262,24 +295,29 @@ bool Server::listen(const std::string& path, std::string& error)
         close(probe);
         if (rc == 0) {
             error = "another daemon is listening on " + path;
+            unlock();
             return false;
         }
         if (err != ECONNREFUSED) {
             errno = err;
             error = sysError("control socket " + path);
+            unlock();
             return false;
         }
         if (unlink(path.c_str()) != 0 && errno != ENOENT) {
             error = sysError("removing the stale control socket " + path);
+            unlock();
             return false;
         }
     }
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         error = sysError("socket");
+        unlock();
         return false;
     }
-    // The socket file is created with the umask's mode: never readable by others.
+    // The socket file is created with the umask's mode: never readable by
+    // others. No chmod afterwards: it would follow a link put in its place.
     mode_t old = umask(0177);
     int rc = bind(fd, (struct sockaddr*)&addr, sizeof addr);
     int err = errno;
@@ -288,18 +326,23 @@ bool Server::listen(const std::string& path, std::string& error)
         errno = err;
         error = sysError("control socket " + path);
         close(fd);
+        unlock();
         return false;
     }
-    if (chmod(path.c_str(), 0600) != 0 || ::listen(fd, 8) != 0) {
+    if (afterBindForTests)
+        afterBindForTests();
+    if (lstat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || st.st_uid != geteuid() ||
+        (st.st_mode & 0077) != 0) {
+        error = "control socket " + path + " was replaced while it was being made";
+        close(fd);
+        unlock();
+        return false;
+    }
+    if (::listen(fd, 8) != 0) {
         error = sysError("control socket " + path);
         unlink(path.c_str());
         close(fd);
-        return false;
-    }
-    if (lstat(path.c_str(), &st) != 0) {
-        error = sysError("control socket " + path);
-        unlink(path.c_str());
-        close(fd);
+        unlock();
         return false;
     }
     dev_ = st.st_dev;
@@ -335,6 +378,8 @@ void Server::stop()
         if (lstat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_)
             unlink(path_.c_str());
     }
+    // After the unlink: a daemon that takes the lock next finds no socket of ours.
+    closeFd(lockFd_);
 }
 
 void Server::loop()
@@ -393,7 +438,17 @@ void Server::serve(int fd)
     }
     Reply reply;
     std::vector<std::string> words;
-    if (tooLong)
+    // The socket file is owner-only, but its mode or directory may have been
+    // opened up: the credentials decide. The request was read all the same,
+    // so the refusal reaches the client rather than a reset.
+    struct ucred cred;
+    socklen_t credLen = sizeof cred;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0 || credLen != sizeof cred)
+        reply.body = "the client's credentials cannot be read";
+    else if (std::find(allowed_.begin(), allowed_.end(), (uint32_t)cred.uid) == allowed_.end())
+        reply.body = "user " + std::to_string(cred.uid) +
+                     " may not use the control socket (root and the daemon's user only)";
+    else if (tooLong)
         reply.body = "request longer than " + std::to_string(kRequestMax) + " bytes";
     else if (decodeRequest(text, words, reply.body))
         reply = handler_(words);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,10 +46,19 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
-    // Creates the socket (mode 0600). An existing socket file is replaced
-    // only when nothing listens on it. Call before other threads exist: the
-    // file mode is set through the process's umask.
+    // Creates the socket (mode 0600). A lock on PATH.lock, held until stop,
+    // makes sure one daemon at a time owns the path; an existing socket
+    // file is replaced only under it and when nothing listens on it. Call
+    // before other threads exist: the file mode is set through the
+    // process's umask, never by a chmod that a link could redirect.
     bool listen(const std::string& path, std::string& error);
+    // Clients are served only when their credentials (SO_PEERCRED) name one
+    // of these users: by default root and the effective user when the server
+    // was made. A daemon that changes its user later names it here, before
+    // start.
+    void allowUsers(std::vector<uint32_t> uids) { allowed_ = std::move(uids); }
+    // Tests only: runs between the bind and the listen.
+    std::function<void()> afterBindForTests;
     // Serves clients one at a time on a thread of its own.
     bool start(Handler handler, std::string& error);
     // Ends the thread (also in the middle of a client), closes and removes
@@ -63,6 +73,8 @@ private:
     uint64_t dev_ = 0;  // of the socket file we made
     uint64_t ino_ = 0;
     int listenFd_ = -1;
+    int lockFd_ = -1;
+    std::vector<uint32_t> allowed_;
     int wake_[2] = {-1, -1};
     Handler handler_;
     std::thread thread_;

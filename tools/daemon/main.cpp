@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,14 +15,11 @@
 #include "snooping/dhcpSnoop.h"
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
+#include "tools/daemon/stop.h"
 
 namespace {
 
-enum Exit {
-    kOk = 0,
-    kBadConfig = 1,
-    kStartFailed = 2,  // interface, privileges, socket, module, usage
-};
+using namespace dstop;
 
 // A stop waits this long for a queued binding-file save.
 constexpr int kSaveWaitMs = 10000;
@@ -63,6 +61,7 @@ ctl::Backend liveBackend()
     b.counters = live::counters;
     b.events = live::events;
     b.latency = live::latency;
+    b.saveStatus = live::saveStatus;
     return b;
 }
 
@@ -71,6 +70,14 @@ ctl::Backend liveBackend()
 // with dhcpsnoopctl.
 void reload(const std::string& path, swcfg::SwitchConfig& current)
 {
+    // Saving stopped by a failed save starts again, whatever the file says.
+    if (!live::saveStatus().saving) {
+        std::string why;
+        if (live::restartSaving(why))
+            warn("saving the binding file restarted");
+        else
+            warn("saving the binding file not restarted: " + why);
+    }
     swcfg::SwitchConfig next;
     std::string error;
     if (!swcfg::loadSwitchConfig(path, next, error) || !live::reconfigure(next, error)) {
@@ -123,6 +130,10 @@ int main(int argc, char** argv)
         return kStartFailed;
     }
 
+    // Files and sockets of the daemon are its owner's only: the binding file
+    // the module creates names every client's address and MAC.
+    umask(077);
+
     swcfg::SwitchConfig cfg;
     std::string error;
     if (!swcfg::loadSwitchConfig(configPath, cfg, error))
@@ -168,18 +179,18 @@ int main(int argc, char** argv)
     }
     std::cerr << "dhcpsnoopd: ready" << std::endl;
 
+    bool signalsLost = false;
     for (;;) {
-        struct signalfd_siginfo si;
-        ssize_t n = read(sigFd, &si, sizeof si);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n != (ssize_t)sizeof si) {
-            warn(std::string("reading signals: ") + (n < 0 ? strerror(errno) : "short read") + "; stopping");
-            break;
-        }
-        if (si.ssi_signo == SIGHUP) {
+        SignalEvent ev = readSignal(sigFd, error);
+        if (ev == SignalEvent::Reload) {
             reload(configPath, cfg);
             continue;
+        }
+        if (ev == SignalEvent::Failed) {
+            // Without its signals the daemon could be neither stopped nor
+            // reloaded: stop now, and say so in the exit code.
+            warn(error + "; stopping");
+            signalsLost = true;
         }
         break;
     }
@@ -191,9 +202,13 @@ int main(int argc, char** argv)
         sleepMs(50);
         waited += 50;
     }
-    if (!live::saveIdle())
-        warn("the binding file save did not finish within 10 s");
+    bool saveFinished = live::saveIdle();
+    if (!live::saveStatus().saving)
+        warn("saving the binding file was stopped by a failed save: the file misses the changes since");
+    if (!saveFinished)
+        warn("the binding file save did not finish within 10 s: the file may be cut short (its last good copy "
+             "is restored at the next start)");
     std::cerr << "dhcpsnoopd: stopped" << std::endl;
     close(sigFd);
-    leave(kOk);
+    leave(stopExitCode(signalsLost, saveFinished));
 }

@@ -10,6 +10,7 @@
 #include "platform/common/port_text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -154,6 +155,7 @@ struct State {
     // frames and transmission
     std::map<uint8_t*, Frame> liveFrames;
     std::map<uint8_t*, Frame> releasedFrames;
+    std::deque<uint8_t*> releaseOrder;  // releasedFrames, oldest first
     size_t badReleases = 0;
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
@@ -170,7 +172,12 @@ struct State {
 
     std::string fileRoot;
     std::set<std::string> filePaths;  // set nodes never move: c_str() stays valid
+
+    sim::Recording recording;
 };
+
+// Read before every line is formatted: kept out of the lock.
+std::atomic<bool (*)(const char*)> gLogFilter{nullptr};
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
@@ -211,7 +218,11 @@ bool shouldFail(const char* key, uint32_t* code)
 
 bool shouldFail(const std::string& key, uint32_t* code) { return shouldFail(key.c_str(), code); }
 
-void event(State& s, std::string text) { s.events.push_back(std::move(text)); }
+void event(State& s, std::string text)
+{
+    if (s.recording.events)
+        s.events.push_back(std::move(text));
+}
 
 uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
 
@@ -293,6 +304,7 @@ void freeEverything(State& s)
         free(f.first);
     }
     s.releasedFrames.clear();
+    s.releaseOrder.clear();
 }
 
 const char* kLogLoadOk = "DHCP snooping: binding file loaded";
@@ -499,7 +511,9 @@ int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait
     Queue* queue = queueOf(s, q);
     if (!queue)
         return -1;
-    if (shouldFail("pal_msgQ_send:" + queue->name, nullptr))
+    // The key is composed only when some failure is armed: every frame
+    // passes here.
+    if (!s.failures.empty() && shouldFail("pal_msgQ_send:" + queue->name, nullptr))
         return -1;
     if (size > queue->recordSize || (size > 0 && !buffer) || queue->records.size() >= queue->depth)
         return -1;
@@ -646,6 +660,9 @@ int debugPrintf(uint32_t mid, const char* format, ...)
 {
     (void)mid;
     if (!format)
+        return 0;
+    bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
+    if (filter != nullptr && !filter(format))
         return 0;
     std::vector<char> buf(512);
     va_list ap;
@@ -945,7 +962,8 @@ uint32_t swFdbGetEntry(FdbEntry* entry)
     Guard g(s.lock);
     sim::Mac mac;
     memcpy(mac.data(), entry->mac, 6);
-    s.fdbLookups.push_back(sim::FdbLookup{mac, entry->vlan});
+    if (s.recording.fdbLookups)
+        s.fdbLookups.push_back(sim::FdbLookup{mac, entry->vlan});
     uint32_t code;
     if (shouldFail("swFdbGetEntry", &code))
         return code;
@@ -1001,7 +1019,17 @@ void dhcpReleasePacketPool(uint8_t* frame)
     ++s.releaseCount;
     SIM_POISON(it->first, it->second.capacity);
     s.releasedFrames.insert(*it);
+    s.releaseOrder.push_back(it->first);
     s.liveFrames.erase(it);
+    while (s.releaseOrder.size() > s.recording.releasedFrames) {
+        auto old = s.releasedFrames.find(s.releaseOrder.front());
+        s.releaseOrder.pop_front();
+        if (old == s.releasedFrames.end())
+            continue;
+        SIM_UNPOISON(old->first, old->second.capacity);
+        free(old->first);
+        s.releasedFrames.erase(old);
+    }
 }
 
 // ---- source guard ---------------------------------------------------------------
@@ -1243,6 +1271,15 @@ void reset()
 
     s.fileRoot.clear();
     s.filePaths.clear();
+    s.recording = Recording{};
+    gLogFilter.store(nullptr);
+}
+
+void setRecording(const Recording& recording)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.recording = recording;
 }
 
 // ---- switch model ----------------------------------------------------------------
@@ -1451,6 +1488,8 @@ std::string LogLine::message() const
 
 const std::vector<LogLine>& logs() { return st().logs; }
 
+void setLogFilter(bool (*wanted)(const char* format)) { gLogFilter.store(wanted); }
+
 void clearLogs()
 {
     State& s = st();
@@ -1483,6 +1522,13 @@ size_t countMessage(const std::string& text)
 bool hasMessage(const std::string& text) { return countMessage(text) > 0; }
 
 const std::vector<SyslogEntry>& syslog() { return st().syslog; }
+
+void clearSyslog()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.syslog.clear();
+}
 
 std::string syslogText(uint32_t code)
 {
@@ -1713,10 +1759,13 @@ void advanceTo(uint64_t toMs, const std::function<void()>& onFire)
             if (gen != s.generation)
                 return;  // reset() ran meanwhile: the timer is gone
             TimerRec& t = s.timers[idx];
-            if (t.repetitions > 0 && --t.repetitions == 0)
+            if (t.repetitions > 0 && --t.repetitions == 0) {
                 t.active = false;
-            else
+                if (!s.recording.spentTimers)
+                    s.timers.erase(s.timers.begin() + (std::ptrdiff_t)idx);
+            } else {
                 t.dueMs += periodMs(t.period);
+            }
         }
     }
 }
@@ -1730,7 +1779,7 @@ void advance(uint64_t ms, const std::function<void()>& onFire)
 
 namespace {
 
-uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
+uint8_t* newFrameOf(const uint8_t* bytes, size_t len, size_t cap)
 {
     // calloc(0) gives a distinct pointer with no bytes behind it where the C
     // library allows it; elsewhere one byte stands in.
@@ -1739,8 +1788,8 @@ uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
         p = static_cast<uint8_t*>(calloc(1, 1));
     if (!p)
         return nullptr;
-    if (!bytes.empty())
-        memcpy(p, bytes.data(), bytes.size());
+    if (len != 0)
+        memcpy(p, bytes, len);
     State& s = st();
     Guard g(s.lock);
     s.liveFrames[p] = Frame{cap};
@@ -1749,12 +1798,17 @@ uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
 
 }  // namespace
 
-uint8_t* newFrame(const std::vector<uint8_t>& bytes)
+uint8_t* newFrame(const std::vector<uint8_t>& bytes) { return newFrame(bytes.data(), bytes.size()); }
+
+uint8_t* newFrame(const uint8_t* bytes, size_t len)
 {
-    return newFrameOf(bytes, std::max(kFrameCapacity, bytes.size()));
+    return newFrameOf(bytes, len, std::max(kFrameCapacity, len));
 }
 
-uint8_t* newFrameExact(const std::vector<uint8_t>& bytes) { return newFrameOf(bytes, bytes.size()); }
+uint8_t* newFrameExact(const std::vector<uint8_t>& bytes)
+{
+    return newFrameOf(bytes.data(), bytes.size(), bytes.size());
+}
 
 size_t framesOutstanding()
 {
@@ -1807,6 +1861,24 @@ void fdbClear()
     State& s = st();
     Guard g(s.lock);
     s.fdb.clear();
+}
+
+bool fdbFind(const Mac& mac, uint32_t vlan, up* port)
+{
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.fdb.find({mac, vlan});
+    if (it == s.fdb.end())
+        return false;
+    *port = it->second.port;
+    return true;
+}
+
+size_t fdbSize()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.fdb.size();
 }
 
 const std::vector<FdbLookup>& fdbLookups() { return st().fdbLookups; }

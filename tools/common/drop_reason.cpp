@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "snooping/dhcpSnoopInternal.h"
+
 namespace dropreason {
 
 namespace {
@@ -106,6 +108,20 @@ bool mayMatter(const char* start, size_t len)
         if (related(kRules[i].text))
             return true;
     return related(kModuleErrorStart);
+}
+
+bool formatMayMatter(const char* format)
+{
+    static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
+    if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
+        return true;
+    const char* msg = format + sizeof kPrefix - 1;
+    size_t n = strcspn(msg, "%");
+    // The classifier drops line ends (the suffix's among them): a shorter
+    // start only keeps more lines.
+    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r'))
+        --n;
+    return mayMatter(msg, n);
 }
 
 std::vector<std::string> ruleTexts()

@@ -174,10 +174,20 @@ struct State {
     std::set<std::string> filePaths;  // set nodes never move: c_str() stays valid
 
     sim::Recording recording;
+    // With a log filter: per call site of debugFlagGet, whether the filter
+    // wanted the line composed there.
+    std::map<const void*, bool> siteWanted;
 };
 
 // Read before every line is formatted: kept out of the lock.
 std::atomic<bool (*)(const char*)> gLogFilter{nullptr};
+// The module's line: debugFlagGet at the line's call site, the line composed
+// (which asks the kernel for the thread name), its arguments with
+// midNameGet among them, then debugPrintf. A site is tied to the format
+// only when midNameGet came between: a guard that merely asks whether
+// debug is on stays unknown.
+thread_local const void* tFlagSite = nullptr;
+thread_local bool tNamed = false;
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
@@ -651,9 +661,16 @@ const char* pal_file_path(const char* path)
 uint32_t debugFlagGet(uint32_t mid)
 {
     (void)mid;
+    const void* site = __builtin_return_address(0);
     State& s = st();
     Guard g(s.lock);
-    return s.debugFlag;
+    if (s.debugFlag != 1 || gLogFilter.load(std::memory_order_relaxed) == nullptr)
+        return s.debugFlag;
+    // A line the filter declined at this site before is not even composed.
+    tFlagSite = site;
+    tNamed = false;
+    auto it = s.siteWanted.find(site);
+    return it != s.siteWanted.end() && !it->second ? 0 : 1;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
@@ -662,8 +679,17 @@ int debugPrintf(uint32_t mid, const char* format, ...)
     if (!format)
         return 0;
     bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
-    if (filter != nullptr && !filter(format))
-        return 0;
+    if (filter != nullptr) {
+        bool wanted = filter(format);
+        if (tFlagSite != nullptr && tNamed) {
+            State& s = st();
+            Guard g(s.lock);
+            s.siteWanted[tFlagSite] = wanted;
+        }
+        tFlagSite = nullptr;
+        if (!wanted)
+            return 0;
+    }
     std::vector<char> buf(512);
     va_list ap;
     va_start(ap, format);
@@ -699,6 +725,7 @@ int debugPrintf(uint32_t mid, const char* format, ...)
 const char* midNameGet(uint32_t mid)
 {
     (void)mid;
+    tNamed = true;
     State& s = st();
     Guard g(s.lock);
     return s.moduleName.c_str();
@@ -1273,6 +1300,7 @@ void reset()
     s.filePaths.clear();
     s.recording = Recording{};
     gLogFilter.store(nullptr);
+    s.siteWanted.clear();
 }
 
 void setRecording(const Recording& recording)
@@ -1488,7 +1516,13 @@ std::string LogLine::message() const
 
 const std::vector<LogLine>& logs() { return st().logs; }
 
-void setLogFilter(bool (*wanted)(const char* format)) { gLogFilter.store(wanted); }
+void setLogFilter(bool (*wanted)(const char* format))
+{
+    State& s = st();
+    Guard g(s.lock);
+    gLogFilter.store(wanted);
+    s.siteWanted.clear();
+}
 
 void clearLogs()
 {

@@ -96,9 +96,11 @@ struct LogLine {
 };
 const std::vector<LogLine>& logs();
 void clearLogs();
-// Asked with each line's format before it is composed: a line it declines is
-// neither formatted nor recorded (debugPrintf returns 0). nullptr (the
-// default): every line.
+// Asked with each line's format before it is formatted: a line it declines
+// is neither formatted nor recorded (debugPrintf returns 0). With the debug
+// switch at 1, the module's call site of such a line is then answered 0 by
+// debugFlagGet, so the module does not even compose it again (composing asks
+// the kernel for the thread name). nullptr (the default): every line.
 void setLogFilter(bool (*wanted)(const char* format));
 // Messages of all lines, in order.
 std::vector<std::string> messages();

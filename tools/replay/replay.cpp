@@ -32,6 +32,13 @@ constexpr size_t kFdbCapacity = 32768;
 constexpr uint64_t kNotesEach = 3;
 // Frames between two progress calls.
 constexpr uint64_t kProgressEvery = 4096;
+// The save task pauses this long before it writes the binding file, so
+// that a burst of changes settles into one save. The replay serves a request
+// at once when the last save is at least this long ago on the switch clock,
+// else when it will be: never more saves than the switch would make, and a
+// lone change saved at its own time.
+constexpr uint64_t kSaveSettleMs = 300;
+constexpr uint64_t kNever = UINT64_MAX;
 
 uint16_t rd16(const uint8_t* b, size_t at) { return (uint16_t)((b[at] << 8) | b[at + 1]); }
 
@@ -167,6 +174,7 @@ public:
             return false;
         }
         simrun::startTasks();
+        saveQ_ = sim::queueByName(DHCP_SNOOP_SAVE_QUEUE_NAME);
         uint32_t lv = swcfg::applyToModule(cfg_);
         if (lv != 0) {
             error = "dhcpSnoopSetDebugLevel failed: " + std::to_string(lv);
@@ -228,15 +236,44 @@ public:
 
     uint64_t lastMs() const { return lastUs_ / 1000; }
 
+    // The tasks run until nothing is left for them; the save task when its
+    // request is due (kSaveSettleMs).
+    void idle()
+    {
+        for (;;) {
+            size_t n = simrun::pumpMain();
+            n += simrun::pumpFdb();
+            if (saveDueMs_ == kNever && saveQ_ != 0 && sim::queueDepth(saveQ_) > 0)
+                saveDueMs_ = lastSaveMs_ == kNever ? sim::nowMs()
+                                                   : std::max(sim::nowMs(), lastSaveMs_ + kSaveSettleMs);
+            if (saveDueMs_ != kNever && sim::nowMs() >= saveDueMs_) {
+                n += simrun::pumpSave();
+                saveDueMs_ = kNever;
+                lastSaveMs_ = sim::nowMs();
+            }
+            if (n == 0)
+                return;
+        }
+    }
+
+    // Moves the clock to ms, stopping at every timer's firing and every
+    // save that falls due on the way.
     void clockTo(uint64_t ms)
     {
+        auto fired = [this] {
+            idle();
+            collect(nullptr);
+        };
+        for (;;) {
+            uint64_t next = std::min(sim::nextTimerDue(), saveDueMs_);
+            if (next > ms)
+                break;
+            sim::advanceTo(next, fired);
+            fired();
+        }
         if (ms > sim::nowMs())
-            sim::advanceTo(ms, [this] {
-                simrun::runUntilIdle();
-                collect(nullptr);
-            });
-        simrun::runUntilIdle();
-        collect(nullptr);
+            sim::advanceTo(ms, fired);
+        fired();
     }
 
     void frame(const FrameRef& f, size_t input, up port)
@@ -285,7 +322,7 @@ public:
             return;
         }
         uint32_t rv = simrun::inject(port, vid, body, len);
-        simrun::runUntilIdle();
+        idle();
         classifier_.clear();
         collect(&f, input, &classifier_);
         if (rv != 0) {
@@ -327,6 +364,11 @@ public:
 
     void finish()
     {
+        // A save still settling is written now: the run ends here.
+        if (saveDueMs_ != kNever) {
+            simrun::pumpSave();
+            saveDueMs_ = kNever;
+        }
         simrun::runUntilIdle();
         collect(nullptr);
         sim::clearSent();
@@ -495,6 +537,9 @@ private:
     std::string root_;
     std::string outputError_;
     dropreason::Classifier classifier_;
+    PalMsgQ saveQ_ = 0;
+    uint64_t saveDueMs_ = kNever;  // when the save task writes the file it was asked for
+    uint64_t lastSaveMs_ = kNever;
     int64_t skippedUs_ = 0;        // capture time the cut gaps left out
     uint64_t lastUs_ = 0;          // switch time of the last frame
     std::vector<uint8_t> untagged_;

@@ -352,6 +352,7 @@ TEST_F(Sim, RecordingOffKeepsNothingThatGrows)
     rec.fdbLookups = false;
     rec.events = false;
     rec.spentTimers = false;
+    rec.runtimeRecords = false;
     rec.releasedFrames = 2;
     sim::setRecording(rec);
     FdbEntry e;
@@ -367,6 +368,13 @@ TEST_F(Sim, RecordingOffKeepsNothingThatGrows)
     sim::advance(2000);
     ASSERT_EQ(sim::timers().size(), 1u);
     EXPECT_EQ(sim::timers()[0].name, "tick");
+    uint8_t record[4] = {1, 2, 3, 4};
+    UsoData uso;
+    memset(&uso, 0, sizeof uso);
+    uso.data = record;
+    uso.len = sizeof record;
+    EXPECT_EQ(stkUsoRuntimeDataSync(MID_DHCP, &uso), 0u);
+    EXPECT_TRUE(sim::runtimeRecords().empty());
     // The newest released buffers stay recognised, older ones are given back.
     uint8_t* f[3];
     for (auto& x : f)

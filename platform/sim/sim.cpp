@@ -1157,7 +1157,8 @@ uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
     const uint8_t* d = static_cast<const uint8_t*>(usoData->data);
     State& s = st();
     Guard g(s.lock);
-    s.runtimeRecords.emplace_back(d, d + usoData->len);
+    if (s.recording.runtimeRecords)
+        s.runtimeRecords.emplace_back(d, d + usoData->len);
     return 0;
 }
 

@@ -34,7 +34,7 @@ void reset();
 
 // ---- long runs ------------------------------------------------------------------------
 // The recorders (log lines, system-log entries, transmissions, FDB look-ups,
-// resource events, released frame buffers, spent timers) keep everything
+// resource events, released frame buffers, spent timers, stack records) keep everything
 // since reset() for the tests to look at. A long run (the replay tool) takes
 // what it needs after each step and clears it (clearLogs, clearSyslog,
 // clearSent), and switches the rest off here, so that nothing grows with the
@@ -43,6 +43,7 @@ struct Recording {
     bool fdbLookups = true;     // swFdbGetEntry calls
     bool events = true;         // resource events
     bool spentTimers = true;    // a timer that fired its last time stays listed
+    bool runtimeRecords = true; // records sent with stkUsoRuntimeDataSync
     // Released frame buffers stay reserved so that a second release is
     // recognised; beyond this many the oldest are given back.
     size_t releasedFrames = SIZE_MAX;

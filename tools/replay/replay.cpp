@@ -151,6 +151,7 @@ public:
             rec.fdbLookups = false;
             rec.events = false;
             rec.spentTimers = false;
+            rec.runtimeRecords = false;
             rec.releasedFrames = 64;
             sim::setRecording(rec);
         }

@@ -177,7 +177,8 @@ struct Options {
     // Called every few thousand frames.
     std::function<void(const Progress&)> progress;
     // Keep the simulation's recorders that the replay does not read (FDB
-    // look-ups, resource events, released frames, spent timers): a test
+    // look-ups, resource events, released frames, spent timers, stack
+    // records): a test
     // looks into them afterwards. Off, they are switched off.
     bool keepSimRecords = false;
 };

@@ -31,7 +31,8 @@ namespace {
 
 struct RunStats {
     bool ok = false;
-    double seconds = 0;
+    double seconds = 0;     // wall clock
+    double cpuSeconds = 0;  // user and system: what a loaded machine does not distort
     long maxRssKb = 0;
 };
 
@@ -63,6 +64,8 @@ RunStats runChild(const std::vector<std::string>& argv, bool keepStderr = false)
         return r;
     r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     r.maxRssKb = ru.ru_maxrss;
+    r.cpuSeconds = ru.ru_utime.tv_sec + ru.ru_utime.tv_usec / 1e6 + ru.ru_stime.tv_sec +
+                   ru.ru_stime.tv_usec / 1e6;
     r.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return r;
 }
@@ -159,8 +162,8 @@ int main(int argc, char** argv)
     if (mix == "dhcp" || mix == "both")
         mixes.push_back({"dhcp", 100});
 
-    printf("| capture | frames | DHCP frames | replay s | replay frames/s | replay DHCP frames/s | "
-           "replay peak RSS | tcpdump -r s | tcpdump peak RSS |\n");
+    printf("| capture | frames | DHCP frames | replay s (CPU s) | frames/s (per CPU s) | "
+           "DHCP frames/s (per CPU s) | replay peak RSS | tcpdump -r s (CPU s) | tcpdump peak RSS |\n");
     printf("|---|---|---|---|---|---|---|---|---|\n");
     fflush(stdout);
     int rc = 0;
@@ -189,11 +192,12 @@ int main(int argc, char** argv)
             }
             if (!r.ok)
                 rc = 1;
-            printf("| %s | %llu | %llu | %.2f | %.0f | %.0f | %.1f MB | %.2f | %.1f MB |\n", m.name,
-                   (unsigned long long)n, (unsigned long long)dhcp, r.seconds, n / r.seconds,
-                   dhcp / r.seconds, r.maxRssKb / 1024.0,
-                   t[0].ok && t[1].ok ? t[0].seconds + t[1].seconds : -1.0,
-                   std::max(t[0].maxRssKb, t[1].maxRssKb) / 1024.0);
+            printf("| %s | %llu | %llu | %.2f (%.2f) | %.0f (%.0f) | %.0f (%.0f) | %.1f MB | %.2f (%.2f) | "
+                   "%.1f MB |\n",
+                   m.name, (unsigned long long)n, (unsigned long long)dhcp, r.seconds, r.cpuSeconds,
+                   n / r.seconds, n / r.cpuSeconds, dhcp / r.seconds, dhcp / r.cpuSeconds,
+                   r.maxRssKb / 1024.0, t[0].ok && t[1].ok ? t[0].seconds + t[1].seconds : -1.0,
+                   t[0].cpuSeconds + t[1].cpuSeconds, std::max(t[0].maxRssKb, t[1].maxRssKb) / 1024.0);
             fflush(stdout);
             if (!keep)
                 fs::remove_all(dir);

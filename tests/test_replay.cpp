@@ -261,6 +261,41 @@ TEST_F(Replay, FrameStampedBeforeItsPredecessorIsReplayedAtTheTimeReached)
     EXPECT_EQ(r.endMs, 2000u);
 }
 
+// A long run lists only the first drops, bindings and system-log entries;
+// the counts stay whole.
+TEST_F(Replay, SummaryListsAreCapped)
+{
+    fb::Params p = params();
+    for (uint32_t i = 0; i < 5; ++i)
+        add(1, i * 10, fb::offer(p).xid(i).build());  // rogue OFFERs: dropped
+    for (uint8_t c = 0; c < 3; ++c) {
+        fb::Params q = p;
+        q.clientMac[5] = (uint8_t)(0x10 + c);
+        q.clientIp = fb::ip(198, 18, 0, (uint8_t)(10 + c));
+        add(2, 100 + c * 10, fb::requestSelecting(q).build());
+        add(0, 105 + c * 10, fb::ack(q).build());
+    }
+    replay::Options opt;
+    opt.listed = 2;
+    opt.output = &out;
+    std::string error;
+    ASSERT_TRUE(replay::run(cfg, inputs, frames, opt, r, error)) << error;
+    EXPECT_EQ(r.dropCount, 5u);
+    EXPECT_EQ(r.drops.size(), 2u);
+    EXPECT_EQ(out.drops.size(), 5u);  // the output sees every one
+    EXPECT_EQ(r.drops[1].number, 2u);
+    ASSERT_EQ(r.bindings.size(), 3u);
+    std::string sum = replay::summary(cfg, inputs, r, 2);
+    EXPECT_NE(sum.find("Dropped frames (5):\n  0.000000 s  1/0/2  rogue.pcap #1  untrusted server "
+                       "message\n  0.010000 s  1/0/2  rogue.pcap #2  untrusted server message\n"
+                       "  ... and 3 more (all of them in events.json with --out)\n\nBindings (3):"),
+              std::string::npos)
+        << sum;
+    EXPECT_NE(sum.find("  ... and 1 more (all of them in bindings.json with --out)\n\nSystem log (1):"),
+              std::string::npos)
+        << sum;
+}
+
 TEST_F(Replay, InputOnAPortOutsideTheConfigurationIsRefused)
 {
     inputs.push_back({"1/0/9", "x.pcap"});
@@ -846,6 +881,61 @@ TEST_F(ReplayCli, OutWritesEveryFile)
     r = tool("--debug --config " + cfg + " --in 1/0/3=" + capture());
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.output.find("1_0_3.pcap#1 [<"), std::string::npos) << r.output;
+}
+
+TEST_F(ReplayCli, ListOptionCapsTheListsAndNoProgressOffATerminal)
+{
+    ToolRun r = tool("--list 1");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("Dropped frames (2):\n  3.007207 s  1/0/2  1_0_2.pcap #1  untrusted "
+                            "server message\n  ... and 1 more (all of them in events.json with "
+                            "--out)\n"),
+              std::string::npos)
+        << r.output;
+    // Standard error is a pipe here: no progress line.
+    EXPECT_EQ(r.output.find('\r'), std::string::npos);
+    EXPECT_EQ(r.output.find("frames/s"), std::string::npos);
+    EXPECT_EQ(tool("--quiet").status, 0);
+}
+
+// A capture cut short in the middle of a frame: what came before is
+// replayed and written, then the error.
+TEST_F(ReplayCli, CaptureCutShortKeepsWhatCameBefore)
+{
+    std::string cut = tmpDir + "/cut.pcap";
+    std::string whole = readText(capture());
+    std::ofstream(cut, std::ios::binary) << whole.substr(0, whole.size() - 10);
+    std::string cfg = file("sw.toml", "[switch]\nsnooping_vlans = [10]\n[[port]]\nname = \"1/0/3\"\n"
+                                      "vlan = 10\n");
+    std::string out = tmpDir + "/out";
+    ToolRun r = tool("--config " + cfg + " --in 1/0/3=" + cut + " --out " + out);
+    EXPECT_EQ(r.status, 4) << r.output;
+    EXPECT_NE(r.output.find("Replayed 3 frame(s)"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("cut.pcap: frame 4: "), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("(the frames before it were replayed)"), std::string::npos) << r.output;
+    EXPECT_TRUE(fs::exists(out + "/events.json"));
+    EXPECT_TRUE(fs::exists(out + "/1_0_3.pcap"));
+}
+
+// A capture file is read in its own order: a frame stamped before the one
+// ahead of it is replayed at the switch time reached, and said so.
+TEST_F(ReplayCli, FrameStampedBackInTimeIsReplayedAtTheTimeReached)
+{
+    fb::Bytes frame = fb::discover().build();
+    std::string path = pcapngWith(tmpDir + "/back.pcapng",
+                                  {{1700000005ull * 1000000, frame}, {1700000002ull * 1000000, frame}});
+    std::string cfg = file("sw.toml", "[switch]\nsnooping_vlans = [10]\n[[port]]\nname = \"1/0/3\"\n"
+                                      "vlan = 10\n");
+    ToolRun r = tool("--config " + cfg + " --in 1/0/3=" + path);
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("dhcpsnoop-replay: back.pcapng #2: stamped 3.000000 s before a frame "
+                            "already replayed; replayed at switch time 0.000000"),
+              std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("Note: 1 frame(s) stamped before a frame already replayed were "
+                            "replayed at the switch time reached."),
+              std::string::npos)
+        << r.output;
 }
 
 #endif  // DHCPSNOOP_HAVE_PCAP

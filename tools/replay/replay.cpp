@@ -884,7 +884,7 @@ std::string summary(const swcfg::SwitchConfig& cfg, const std::vector<Input>& in
     }
     auto more = [&o](uint64_t all, size_t shown, const char* file) {
         if (all > shown)
-            o << "  ... and " << all - shown << " more (" << file << " lists them all)\n";
+            o << "  ... and " << all - shown << " more (all of them in " << file << " with --out)\n";
     };
     o << "\nDropped frames (" << r.dropCount << "):\n";
     for (size_t i = 0; i < r.drops.size() && i < listed; ++i) {

@@ -7,6 +7,10 @@
 // the platform freely.
 #include "platform/sim/sim.h"
 
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "platform/common/port_text.h"
 
 #include <algorithm>
@@ -22,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -124,7 +129,6 @@ struct State {
     std::vector<sim::SetPortCfgCall> setPortCfgCalls;
 
     // logging
-    uint32_t debugFlag = 0;
     bool switchInited = true;
     std::string processName = "swapp";
     std::string moduleName = "DHCPSNOOP";
@@ -174,9 +178,6 @@ struct State {
     std::set<std::string> filePaths;  // set nodes never move: c_str() stays valid
 
     sim::Recording recording;
-    // With a log filter: per call site of debugFlagGet, whether the filter
-    // wanted the line composed there.
-    std::map<const void*, bool> siteWanted;
 };
 
 // Read before every line is formatted: kept out of the lock.
@@ -188,6 +189,26 @@ std::atomic<bool (*)(const char*)> gLogFilter{nullptr};
 // debug is on stays unknown.
 thread_local const void* tFlagSite = nullptr;
 thread_local bool tNamed = false;
+// Asked before every line the module might write: answered without the lock.
+std::atomic<uint32_t> gDebugFlag{0};
+// With a log filter: per call site of debugFlagGet, whether the filter
+// wanted the line composed there. Each thread learns its own; a new filter
+// (a new generation) starts every thread afresh.
+std::atomic<uint64_t> gSiteGeneration{0};
+struct SiteCache {
+    uint64_t generation = UINT64_MAX;
+    std::unordered_map<const void*, bool> wanted;
+};
+SiteCache& siteCache()
+{
+    thread_local SiteCache cache;
+    uint64_t g = gSiteGeneration.load(std::memory_order_acquire);
+    if (cache.generation != g) {
+        cache.wanted.clear();
+        cache.generation = g;
+    }
+    return cache;
+}
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
@@ -656,21 +677,54 @@ const char* pal_file_path(const char* path)
     return s.filePaths.insert(full).first->c_str();
 }
 
+// ---- thread names ------------------------------------------------------------
+
+// The module asks the kernel for its thread's name for every line it
+// composes. The name is kept per thread after the first answer, until the
+// thread names itself anew; everything else goes to the kernel.
+static thread_local char tThreadName[16];
+static thread_local bool tThreadNameKept = false;
+
+int prctl(int option, ...) __THROW
+{
+    // As the C library's: every argument read as a long, the kernel uses
+    // what the option needs.
+    va_list ap;
+    va_start(ap, option);
+    unsigned long a2 = va_arg(ap, unsigned long);
+    unsigned long a3 = va_arg(ap, unsigned long);
+    unsigned long a4 = va_arg(ap, unsigned long);
+    unsigned long a5 = va_arg(ap, unsigned long);
+    va_end(ap);
+    if (option == PR_GET_NAME && tThreadNameKept && a2 != 0) {
+        memcpy(reinterpret_cast<char*>(a2), tThreadName, sizeof tThreadName);
+        return 0;
+    }
+    long rc = syscall(SYS_prctl, option, a2, a3, a4, a5);
+    if (option == PR_GET_NAME && rc == 0) {
+        memcpy(tThreadName, reinterpret_cast<const char*>(a2), sizeof tThreadName);
+        tThreadNameKept = true;
+    } else if (option == PR_SET_NAME) {
+        tThreadNameKept = false;
+    }
+    return (int)rc;
+}
+
 // ---- logging ----------------------------------------------------------------
 
 uint32_t debugFlagGet(uint32_t mid)
 {
     (void)mid;
     const void* site = __builtin_return_address(0);
-    State& s = st();
-    Guard g(s.lock);
-    if (s.debugFlag != 1 || gLogFilter.load(std::memory_order_relaxed) == nullptr)
-        return s.debugFlag;
+    uint32_t flag = gDebugFlag.load(std::memory_order_relaxed);
+    if (flag != 1 || gLogFilter.load(std::memory_order_relaxed) == nullptr)
+        return flag;
     // A line the filter declined at this site before is not even composed.
     tFlagSite = site;
     tNamed = false;
-    auto it = s.siteWanted.find(site);
-    return it != s.siteWanted.end() && !it->second ? 0 : 1;
+    SiteCache& c = siteCache();
+    auto it = c.wanted.find(site);
+    return it != c.wanted.end() && !it->second ? 0 : 1;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
@@ -681,11 +735,8 @@ int debugPrintf(uint32_t mid, const char* format, ...)
     bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
     if (filter != nullptr) {
         bool wanted = filter(format);
-        if (tFlagSite != nullptr && tNamed) {
-            State& s = st();
-            Guard g(s.lock);
-            s.siteWanted[tFlagSite] = wanted;
-        }
+        if (tFlagSite != nullptr && tNamed)
+            siteCache().wanted[tFlagSite] = wanted;
         tFlagSite = nullptr;
         if (!wanted)
             return 0;
@@ -1264,7 +1315,7 @@ void reset()
     s.includeArpDefend = false;
     s.setPortCfgCalls.clear();
 
-    s.debugFlag = 0;
+    gDebugFlag.store(0);
     s.switchInited = true;
     s.processName = "swapp";
     s.moduleName = "DHCPSNOOP";
@@ -1301,7 +1352,7 @@ void reset()
     s.filePaths.clear();
     s.recording = Recording{};
     gLogFilter.store(nullptr);
-    s.siteWanted.clear();
+    gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void setRecording(const Recording& recording)
@@ -1470,7 +1521,7 @@ void setDebugFlag(uint32_t value)
 {
     State& s = st();
     Guard g(s.lock);
-    s.debugFlag = value;
+    gDebugFlag.store(value);
 }
 
 void setSwitchInited(bool inited)
@@ -1522,7 +1573,7 @@ void setLogFilter(bool (*wanted)(const char* format))
     State& s = st();
     Guard g(s.lock);
     gLogFilter.store(wanted);
-    s.siteWanted.clear();
+    gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void clearLogs()

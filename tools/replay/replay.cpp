@@ -261,6 +261,16 @@ public:
     // save that falls due on the way.
     void clockTo(uint64_t ms)
     {
+        // After frames that only taught the FDB nothing waits for the tasks
+        // and nothing falls due before dueMs_: most frames of a capture only
+        // move the clock.
+        if (!busy_ && ms < dueMs_) {
+            if (ms > clockMs_) {
+                sim::advanceTo(ms);
+                clockMs_ = ms;
+            }
+            return;
+        }
         auto fired = [this] {
             idle();
             collect(nullptr);
@@ -275,6 +285,9 @@ public:
         if (ms > sim::nowMs())
             sim::advanceTo(ms, fired);
         fired();
+        clockMs_ = sim::nowMs();
+        dueMs_ = std::min(sim::nextTimerDue(), saveDueMs_);
+        busy_ = false;
     }
 
     void frame(const FrameRef& f, size_t input, up port)
@@ -323,6 +336,7 @@ public:
             return;
         }
         uint32_t rv = simrun::inject(port, vid, body, len);
+        busy_ = true;
         idle();
         classifier_.clear();
         collect(&f, input, &classifier_);
@@ -413,6 +427,14 @@ private:
         // Group and all-zero sources are never learned.
         if ((src[0] & 1) != 0 || std::all_of(src.begin(), src.end(), [](uint8_t b) { return b == 0; }))
             return;
+        // What was learned last in this slot: the same address on the same
+        // port again needs no look-up.
+        uint32_t h = vid;
+        for (uint8_t b : src)
+            h = h * 31u + b;
+        LearnedSlot& slot = learned_[h % kLearnedSlots];
+        if (slot.used && slot.mac == src && slot.vid == vid && slot.port == port)
+            return;
         up known;
         if (sim::fdbFind(src, vid, &known)) {
             if (known != port)
@@ -421,7 +443,9 @@ private:
             sim::fdbSet(src, vid, port);
         } else {
             ++r_.notLearned;
+            return;
         }
+        slot = LearnedSlot{src, vid, port, true};
     }
 
     void withTag(const std::vector<uint8_t>& f, uint16_t vid)
@@ -543,6 +567,17 @@ private:
     uint64_t lastSaveMs_ = kNever;
     int64_t skippedUs_ = 0;        // capture time the cut gaps left out
     uint64_t lastUs_ = 0;          // switch time of the last frame
+    bool busy_ = true;             // the tasks may have work or timers changed
+    uint64_t clockMs_ = 0;         // the switch clock, as last moved here
+    uint64_t dueMs_ = 0;           // the next timer or save
+    struct LearnedSlot {
+        sim::Mac mac;
+        uint16_t vid;
+        up port;
+        bool used;
+    };
+    static constexpr size_t kLearnedSlots = 4096;
+    std::vector<LearnedSlot> learned_ = std::vector<LearnedSlot>(kLearnedSlots, LearnedSlot{});
     std::vector<uint8_t> untagged_;
     std::vector<uint8_t> tagged_;
     std::vector<up> to_;

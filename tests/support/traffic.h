@@ -62,7 +62,6 @@ private:
     uint64_t n_ = 0;
     uint64_t dhcpAt_ = 0;
     uint64_t otherAt_ = 0;
-    unsigned acc_ = 0;
 };
 
 }  // namespace traffic

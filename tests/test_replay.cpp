@@ -482,16 +482,11 @@ long residentPages()
 // A capture of a million frames (DHCP exchanges of 900 clients, 10 % of the
 // frames, among ordinary traffic) streams through: every frame counted, and
 // the resident size at the end of the run no larger than after its first
-// tenth. Under qemu-mips a million frames take minutes: the 32-bit target
-// replays a fifth of them, which still fills the pool's bindings many times
-// over.
+// tenth. (About 20 s under qemu-mips, a minute under AddressSanitizer on a
+// busy machine.)
 TEST_F(SnoopTest, MillionFramesStreamInBoundedMemory)
 {
-#if defined(__mips__)
-    const uint64_t kFrames = 200000;
-#else
     const uint64_t kFrames = 1000000;
-#endif
     traffic::Spec spec;
     spec.frames = kFrames;
     spec.dhcpPercent = 10;
@@ -529,12 +524,16 @@ TEST_F(SnoopTest, MillionFramesStreamInBoundedMemory)
     EXPECT_TRUE(r.bindingFileWritten);
     // The allocator's own bookkeeping may move a few pages either way;
     // AddressSanitizer's, cycling its quarantine through its size classes,
-    // a few megabytes. Growth with the frames (the replay used to keep 8 KB
-    // a frame) is far beyond either.
-#ifdef REPLAY_TEST_ASAN
+    // a few megabytes; under qemu-mips the resident size is the emulator's,
+    // whose translated code grows as code runs for the first time. Growth
+    // with the frames (the replay used to keep 8 KB a frame) is far beyond
+    // any of them.
+#if defined(REPLAY_TEST_ASAN)
     const long kSlackPages = 1024;
+#elif defined(__mips__)
+    const long kSlackPages = 512;
 #else
-    const long kSlackPages = 16;
+    const long kSlackPages = 64;
 #endif
     ASSERT_GT(firstTenth, 0);
     ASSERT_GT(lastTenth, 0);

@@ -194,15 +194,16 @@ std::atomic<uint32_t> gDebugFlag{0};
 // With a log filter: per call site of debugFlagGet, whether the filter
 // wanted the line composed there. Each thread learns its own; a new filter
 // (a new generation) starts every thread afresh.
-std::atomic<uint64_t> gSiteGeneration{0};
+// (32 bits: the 32-bit target has no lock-free 64-bit atomics.)
+std::atomic<uint32_t> gSiteGeneration{0};
 struct SiteCache {
-    uint64_t generation = UINT64_MAX;
+    uint32_t generation = UINT32_MAX;
     std::unordered_map<const void*, bool> wanted;
 };
 SiteCache& siteCache()
 {
     thread_local SiteCache cache;
-    uint64_t g = gSiteGeneration.load(std::memory_order_acquire);
+    uint32_t g = gSiteGeneration.load(std::memory_order_acquire);
     if (cache.generation != g) {
         cache.wanted.clear();
         cache.generation = g;

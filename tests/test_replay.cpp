@@ -11,6 +11,8 @@
 #include "support/fixture.h"
 #include "support/frame_builder.h"
 #include "support/traffic.h"
+#include "snooping/dhcpSnoopInternal.h"
+#include "tools/common/drop_reason.h"
 #include "tools/common/switch_config.h"
 #include "tools/replay/replay.h"
 #ifdef DHCPSNOOP_HAVE_PCAP
@@ -293,6 +295,35 @@ TEST_F(Replay, SummaryListsAreCapped)
     EXPECT_NE(sum.find("  ... and 1 more (all of them in bindings.json with --out)\n\nSystem log (1):"),
               std::string::npos)
         << sum;
+}
+
+// A debug line is composed only where its format could print a text that
+// names a drop, each conversion standing for any text.
+TEST(DropReasonFormat, OnlyFormatsThatCouldNameADropMatter)
+{
+    auto debug = [](const std::string& message) {
+        return dropreason::formatMayMatter((DHCP_SNOOP_DEBUG_PREFIX " " + message + "\r\n").c_str());
+    };
+    EXPECT_TRUE(debug("Drop DHCP offer packet received from untrusted port."));
+    EXPECT_TRUE(debug("Drop DHCP %s packet received from untrusted port."));
+    EXPECT_TRUE(debug("%s"));
+    EXPECT_TRUE(debug("Forward packet to port %s"));  // "%s" could be "failed."
+    EXPECT_TRUE(debug("magicCookie:0x%x 0x%x"));
+    EXPECT_TRUE(debug("E - %d call %s failed."));
+    EXPECT_TRUE(debug("Packet flow overflow"));
+    EXPECT_TRUE(debug("Packet flow %s"));
+    EXPECT_FALSE(debug("Packet flow %s%%"));  // ends in "%": never the rule
+    EXPECT_FALSE(debug("vid = %d"));
+    EXPECT_FALSE(debug("Drop DHCP request packet %d"));
+    // Starts like "Find request table binding enttry failed, ..." but its
+    // literal text further on can never be that rule's.
+    EXPECT_FALSE(debug("Find %s table binding entry:\n src IP:%d.%d.%d.%d, ttl:%d"));
+    // Longer than the rule it starts as.
+    EXPECT_FALSE(debug("Packet flow overflow on port"));
+    EXPECT_FALSE(debug("Forward unkown packet. %d"));
+    // Lines that are no debug line's composition are always kept.
+    EXPECT_TRUE(dropreason::formatMayMatter("\x1b[31;49m[<%s/%s>:<%s/%s()/%d>] anything"));
+    EXPECT_TRUE(dropreason::formatMayMatter("plain"));
 }
 
 TEST_F(Replay, InputOnAPortOutsideTheConfigurationIsRefused)

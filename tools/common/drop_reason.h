@@ -31,8 +31,8 @@ bool mayMatter(const char* start, size_t len);
 // False when no line composed from this format (as the module passes it to
 // debugPrintf: the debug prefix, a blank, the message) can name anything, so
 // the line need not be formatted at all: decided on the message's literal
-// text up to its first conversion, which is how every line of it starts.
-// True for anything but a debug line's composition (error lines among them).
+// text, each conversion standing for any text it could print. True for
+// anything but a debug line's composition (error lines among them).
 bool formatMayMatter(const char* format);
 // The texts mayMatter checks against: every rule's, then the module error's.
 std::vector<std::string> ruleTexts();

@@ -326,6 +326,44 @@ TEST(DropReasonFormat, OnlyFormatsThatCouldNameADropMatter)
     EXPECT_TRUE(dropreason::formatMayMatter("plain"));
 }
 
+// The binding file is saved at once after a quiet spell, then at most every
+// 300 ms of switch time: four bindings 50 ms apart make two saves, the
+// second holding all four; one still waiting is written when the run ends.
+TEST_F(Replay, BindingFileSavesSettleFor300Ms)
+{
+    fb::Params p = params();
+    for (uint8_t c = 0; c < 4; ++c) {
+        fb::Params q = p;
+        q.clientMac[5] = (uint8_t)(0x20 + c);
+        q.clientIp = fb::ip(198, 18, 0, (uint8_t)(20 + c));
+        add(2, c * 50u, fb::requestSelecting(q).build());
+        add(0, c * 50u + 5, fb::ack(q).build());
+    }
+    ASSERT_TRUE(go(1000));
+    ASSERT_EQ(r.bindings.size(), 4u);
+    EXPECT_EQ(sim::sleptMs(), 2u * 300);  // the save task's pause, once a save
+    ASSERT_TRUE(r.bindingFileWritten);
+    for (int ip = 20; ip < 24; ++ip) {
+        char text[16];
+        snprintf(text, sizeof text, "c6.12.00.%02x", ip);
+        EXPECT_NE(r.bindingFile.find(text), std::string::npos) << text;
+    }
+}
+
+TEST_F(Replay, SaveStillSettlingIsWrittenAtTheEnd)
+{
+    fb::Params p = params();
+    add(2, 0, fb::requestSelecting(p).build());
+    add(0, 5, fb::ack(p).build());
+    add(2, 100, fb::release(p).build());
+    ASSERT_TRUE(go());
+    EXPECT_EQ(r.endMs, 100u);
+    EXPECT_TRUE(r.bindings.empty());
+    EXPECT_EQ(sim::sleptMs(), 2u * 300);
+    ASSERT_TRUE(r.bindingFileWritten);
+    EXPECT_EQ(r.bindingFile.find("c6.12.00.78"), std::string::npos) << r.bindingFile;
+}
+
 TEST_F(Replay, InputOnAPortOutsideTheConfigurationIsRefused)
 {
     inputs.push_back({"1/0/9", "x.pcap"});

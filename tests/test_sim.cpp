@@ -17,6 +17,7 @@
 #include "platform/sim/sim.h"
 #include "platform/snoopcfg.h"
 #include "platform/stack.h"
+#include "snooping/dhcpSnoopInternal.h"
 
 namespace {
 
@@ -341,6 +342,106 @@ TEST_F(Sim, FrameReleaseAndDoubleRelease)
     EXPECT_EQ(sim::releaseCount(), 1u);
     // The pool does not count toward the module's allocations.
     EXPECT_EQ(sim::allocCount(), 0u);
+}
+
+// ---- long runs -------------------------------------------------------------------------
+
+TEST_F(Sim, RecordingOffKeepsNothingThatGrows)
+{
+    sim::Recording rec;
+    rec.fdbLookups = false;
+    rec.events = false;
+    rec.spentTimers = false;
+    rec.runtimeRecords = false;
+    rec.releasedFrames = 2;
+    sim::setRecording(rec);
+    FdbEntry e;
+    memset(&e, 0, sizeof e);
+    EXPECT_NE(swFdbGetEntry(&e), 0u);
+    EXPECT_TRUE(sim::fdbLookups().empty());
+    void* p = pal_alloc(8, "t");
+    pal_free(p);
+    EXPECT_TRUE(sim::events().empty());
+    PalTimerId id;
+    ASSERT_EQ(add_timer(&id, "tick", PalTimeSpec{1, 0}, fireA, 0, -1), 0u);
+    ASSERT_EQ(add_timer(&id, "once", PalTimeSpec{0, 500000}, fireB, 1, 1), 0u);
+    sim::advance(2000);
+    ASSERT_EQ(sim::timers().size(), 1u);
+    EXPECT_EQ(sim::timers()[0].name, "tick");
+    uint8_t record[4] = {1, 2, 3, 4};
+    UsoData uso;
+    memset(&uso, 0, sizeof uso);
+    uso.data = record;
+    uso.len = sizeof record;
+    EXPECT_EQ(stkUsoRuntimeDataSync(MID_DHCP, &uso), 0u);
+    EXPECT_TRUE(sim::runtimeRecords().empty());
+    // The newest released buffers stay recognised, older ones are given back.
+    uint8_t* f[3];
+    for (auto& x : f)
+        x = sim::newFrame({1});
+    for (auto* x : f)
+        dhcpReleasePacketPool(x);
+    EXPECT_EQ(sim::releaseCount(), 3u);
+    dhcpReleasePacketPool(f[2]);
+    EXPECT_EQ(sim::badReleases(), 1u);
+    // Everything comes back with reset().
+    sim::reset();
+    EXPECT_EQ(swFdbGetEntry(&e), 1u);
+    EXPECT_EQ(sim::fdbLookups().size(), 1u);
+}
+
+TEST_F(Sim, FdbFindIsNoLookUpOfTheModule)
+{
+    sim::Mac m = {2, 0, 0, 0, 0, 1};
+    up port = UP_INVALID;
+    EXPECT_FALSE(sim::fdbFind(m, 10, &port));
+    sim::fdbSet(m, 10, sim::physicalPort(1, 3));
+    ASSERT_TRUE(sim::fdbFind(m, 10, &port));
+    EXPECT_EQ(port, sim::physicalPort(1, 3));
+    EXPECT_FALSE(sim::fdbFind(m, 11, &port));
+    EXPECT_EQ(sim::fdbSize(), 1u);
+    EXPECT_TRUE(sim::fdbLookups().empty());
+}
+
+size_t gFiltered = 0;
+bool dropLinesOnly(const char* format)
+{
+    ++gFiltered;
+    return strstr(format, "Drop") != nullptr;
+}
+__attribute__((noinline)) void unwantedLine() { DHCP_SNOOP_DEBUG("vid = %d", 5); }
+__attribute__((noinline)) void wantedLine() { DHCP_SNOOP_DEBUG("Drop %s", "it"); }
+// Asks, then composes a line of another site: the guard stays unknown.
+__attribute__((noinline)) void guardedLine()
+{
+    if (DHCP_SNOOP_DEBUG_ON())
+        unwantedLine();
+}
+
+TEST_F(Sim, LogFilterLeavesDeclinedLinesUncomposed)
+{
+    sim::setDebugFlag(1);
+    sim::setLogFilter(dropLinesOnly);
+    gFiltered = 0;
+    for (int i = 0; i < 3; ++i) {
+        unwantedLine();
+        wantedLine();
+    }
+    // The declined site is asked once; then debugFlagGet answers it 0.
+    EXPECT_EQ(gFiltered, 4u);
+    ASSERT_EQ(sim::logs().size(), 3u);
+    EXPECT_EQ(sim::logs()[0].message(), "Drop it");
+    gFiltered = 0;
+    for (int i = 0; i < 3; ++i)
+        guardedLine();
+    EXPECT_EQ(gFiltered, 0u);
+    // The guard itself was never tied to a line: still answered 1.
+    EXPECT_EQ(debugFlagGet(MID_DHCP), 1u);
+    // Without a filter every line is there again.
+    sim::setLogFilter(nullptr);
+    sim::clearLogs();
+    unwantedLine();
+    EXPECT_EQ(sim::logs().size(), 1u);
 }
 
 TEST_F(Sim, PacketSendRecordsCopy)

@@ -56,25 +56,6 @@ std::atomic<uint32_t> gPid{0};
 void forgetPid() { gPid.store(0, std::memory_order_relaxed); }
 const int gPidAtFork = pthread_atfork(nullptr, nullptr, forgetPid);
 
-// A debug line of the main task with the operator's debug off is kept only
-// for naming drops: one whose message cannot start as any rule's text does
-// not need formatting. Decided on the composed format: the message's
-// literal text up to its first conversion is how every output of it
-// starts. Anything but a debug line's composition is formatted.
-bool debugLineMayMatter(const char* format)
-{
-    static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
-    if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
-        return true;
-    const char* msg = format + sizeof kPrefix - 1;
-    size_t n = strcspn(msg, "%");
-    // The classifier drops line ends (the suffix's among them): a shorter
-    // start only keeps more lines.
-    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r'))
-        --n;
-    return dropreason::mayMatter(msg, n);
-}
-
 bool startsWith(const char* s, size_t n, const char* prefix)
 {
     size_t p = strlen(prefix);
@@ -218,9 +199,11 @@ int debugPrintf(uint32_t mid, const char* format, ...)
     (void)mid;
     if (!format)
         return 0;
-    // Not formatted when nothing would read it: 0 characters written.
+    // Not formatted when nothing would read it: 0 characters written. With
+    // the operator's debug off a main-task debug line is read only to name
+    // a drop.
     if (strncmp(format, kErrorPrefix, sizeof kErrorPrefix - 1) != 0 &&
-        !gDebug.load(std::memory_order_relaxed) && (!tMainTask || !debugLineMayMatter(format)))
+        !gDebug.load(std::memory_order_relaxed) && (!tMainTask || !dropreason::formatMayMatter(format)))
         return 0;
     char buf[kLineMax];
     va_list ap;

@@ -81,12 +81,17 @@ void advance(uint64_t ms) { sim::advance(ms, runUntilIdle); }
 
 uint32_t inject(up port, uint16_t vid, const std::vector<uint8_t>& bytes)
 {
+    return inject(port, vid, bytes.data(), bytes.size());
+}
+
+uint32_t inject(up port, uint16_t vid, const uint8_t* bytes, size_t len)
+{
     DhcpSnoopMsg msg;
     memset(&msg, 0, sizeof msg);
     msg.type = DHCP_SNOOP_MSG_PACKET;
     msg.packet.ports = sim::portListOf(port);
-    msg.packet.frame = sim::newFrame(bytes);
-    msg.packet.frameLen = (uint32_t)bytes.size();
+    msg.packet.frame = sim::newFrame(bytes, len);
+    msg.packet.frameLen = (uint32_t)len;
     msg.packet.vid = vid;
     uint32_t r = dhcpSnoopSendMsgToMainQueue(&msg, 0);
     if (r != 0)

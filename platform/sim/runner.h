@@ -31,6 +31,7 @@ void advance(uint64_t ms);
 // the VLAN. Returns the result of dhcpSnoopSendMsgToMainQueue; on failure the
 // frame is given back to the pool, as the packet path would.
 uint32_t inject(up port, uint16_t vid, const std::vector<uint8_t>& bytes);
+uint32_t inject(up port, uint16_t vid, const uint8_t* bytes, size_t len);
 // inject, then runUntilIdle.
 uint32_t receive(up port, uint16_t vid, const std::vector<uint8_t>& bytes);
 

@@ -7,10 +7,15 @@
 // the platform freely.
 #include "platform/sim/sim.h"
 
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "platform/common/port_index.h"
 #include "platform/common/port_text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -22,6 +27,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <unordered_map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -132,7 +138,6 @@ struct State {
     std::vector<sim::SetPortCfgCall> setPortCfgCalls;
 
     // logging
-    uint32_t debugFlag = 0;
     bool switchInited = true;
     std::string processName = "swapp";
     std::string moduleName = "DHCPSNOOP";
@@ -165,6 +170,7 @@ struct State {
     // frames and transmission
     std::map<uint8_t*, Frame> liveFrames;
     std::map<uint8_t*, Frame> releasedFrames;
+    std::deque<uint8_t*> releaseOrder;  // releasedFrames, oldest first
     size_t badReleases = 0;
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
@@ -182,7 +188,40 @@ struct State {
 
     std::string fileRoot;
     std::set<std::string> filePaths;  // set nodes never move: c_str() stays valid
+
+    sim::Recording recording;
 };
+
+// Read before every line is formatted: kept out of the lock.
+std::atomic<bool (*)(const char*)> gLogFilter{nullptr};
+// The module's line: debugFlagGet at the line's call site, the line composed
+// (which asks the kernel for the thread name), its arguments with
+// midNameGet among them, then debugPrintf. A site is tied to the format
+// only when midNameGet came between: a guard that merely asks whether
+// debug is on stays unknown.
+thread_local const void* tFlagSite = nullptr;
+thread_local bool tNamed = false;
+// Asked before every line the module might write: answered without the lock.
+std::atomic<uint32_t> gDebugFlag{0};
+// With a log filter: per call site of debugFlagGet, whether the filter
+// wanted the line composed there. Each thread learns its own; a new filter
+// (a new generation) starts every thread afresh.
+// (32 bits: the 32-bit target has no lock-free 64-bit atomics.)
+std::atomic<uint32_t> gSiteGeneration{0};
+struct SiteCache {
+    uint32_t generation = UINT32_MAX;
+    std::unordered_map<const void*, bool> wanted;
+};
+SiteCache& siteCache()
+{
+    thread_local SiteCache cache;
+    uint32_t g = gSiteGeneration.load(std::memory_order_acquire);
+    if (cache.generation != g) {
+        cache.wanted.clear();
+        cache.generation = g;
+    }
+    return cache;
+}
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
@@ -220,11 +259,18 @@ void runHook(const char* key)
         fn();
 }
 
+// Every debug call passes here: the set is touched only when the id
+// differs from the last one noted.
+std::atomic<uint32_t> gLastModuleId{UINT32_MAX};
+
 void noteModuleId(uint32_t mid)
 {
+    if (gLastModuleId.load(std::memory_order_relaxed) == mid)
+        return;
     State& s = st();
     Guard g(s.lock);
     s.moduleIds.insert(mid);
+    gLastModuleId.store(mid, std::memory_order_relaxed);
 }
 
 // The one failure-injection check: true when the call named by key fails,
@@ -255,7 +301,11 @@ bool shouldFail(const char* key, uint32_t* code)
 
 bool shouldFail(const std::string& key, uint32_t* code) { return shouldFail(key.c_str(), code); }
 
-void event(State& s, std::string text) { s.events.push_back(std::move(text)); }
+void event(State& s, std::string text)
+{
+    if (s.recording.events)
+        s.events.push_back(std::move(text));
+}
 
 uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
 
@@ -304,6 +354,7 @@ void freeEverything(State& s)
         free(f.first);
     }
     s.releasedFrames.clear();
+    s.releaseOrder.clear();
 }
 
 const char* kLogLoadOk = "DHCP snooping: binding file loaded";
@@ -512,7 +563,9 @@ int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait
     if (!queue)
         return -1;
     queue->lastSendWait = wait;
-    if (shouldFail("pal_msgQ_send:" + queue->name, nullptr))
+    // The key is composed only when some failure is armed: every frame
+    // passes here.
+    if (!s.failures.empty() && shouldFail("pal_msgQ_send:" + queue->name, nullptr))
         return -1;
     if (size > queue->recordSize || (size > 0 && !buffer) || queue->records.size() >= queue->depth)
         return -1;
@@ -660,14 +713,54 @@ const char* pal_file_path(const char* path)
     return s.filePaths.insert(full).first->c_str();
 }
 
+// ---- thread names ------------------------------------------------------------
+
+// The module asks the kernel for its thread's name for every line it
+// composes. The name is kept per thread after the first answer, until the
+// thread names itself anew; everything else goes to the kernel.
+static thread_local char tThreadName[16];
+static thread_local bool tThreadNameKept = false;
+
+int prctl(int option, ...) __THROW
+{
+    // As the C library's: every argument read as a long, the kernel uses
+    // what the option needs.
+    va_list ap;
+    va_start(ap, option);
+    unsigned long a2 = va_arg(ap, unsigned long);
+    unsigned long a3 = va_arg(ap, unsigned long);
+    unsigned long a4 = va_arg(ap, unsigned long);
+    unsigned long a5 = va_arg(ap, unsigned long);
+    va_end(ap);
+    if (option == PR_GET_NAME && tThreadNameKept && a2 != 0) {
+        memcpy(reinterpret_cast<char*>(a2), tThreadName, sizeof tThreadName);
+        return 0;
+    }
+    long rc = syscall(SYS_prctl, option, a2, a3, a4, a5);
+    if (option == PR_GET_NAME && rc == 0) {
+        memcpy(tThreadName, reinterpret_cast<const char*>(a2), sizeof tThreadName);
+        tThreadNameKept = true;
+    } else if (option == PR_SET_NAME) {
+        tThreadNameKept = false;
+    }
+    return (int)rc;
+}
+
 // ---- logging ----------------------------------------------------------------
 
 uint32_t debugFlagGet(uint32_t mid)
 {
     noteModuleId(mid);
-    State& s = st();
-    Guard g(s.lock);
-    return s.debugFlag;
+    const void* site = __builtin_return_address(0);
+    uint32_t flag = gDebugFlag.load(std::memory_order_relaxed);
+    if (flag != 1 || gLogFilter.load(std::memory_order_relaxed) == nullptr)
+        return flag;
+    // A line the filter declined at this site before is not even composed.
+    tFlagSite = site;
+    tNamed = false;
+    SiteCache& c = siteCache();
+    auto it = c.wanted.find(site);
+    return it != c.wanted.end() && !it->second ? 0 : 1;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
@@ -675,6 +768,15 @@ int debugPrintf(uint32_t mid, const char* format, ...)
     noteModuleId(mid);
     if (!format)
         return 0;
+    bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
+    if (filter != nullptr) {
+        bool wanted = filter(format);
+        if (tFlagSite != nullptr && tNamed)
+            siteCache().wanted[tFlagSite] = wanted;
+        tFlagSite = nullptr;
+        if (!wanted)
+            return 0;
+    }
     std::vector<char> buf(512);
     va_list ap;
     va_start(ap, format);
@@ -710,6 +812,7 @@ int debugPrintf(uint32_t mid, const char* format, ...)
 const char* midNameGet(uint32_t mid)
 {
     noteModuleId(mid);
+    tNamed = true;
     State& s = st();
     Guard g(s.lock);
     return s.moduleName.c_str();
@@ -961,7 +1064,8 @@ uint32_t swFdbGetEntry(FdbEntry* entry)
     Guard g(s.lock);
     sim::Mac mac;
     memcpy(mac.data(), entry->mac, 6);
-    s.fdbLookups.push_back(sim::FdbLookup{mac, entry->vlan});
+    if (s.recording.fdbLookups)
+        s.fdbLookups.push_back(sim::FdbLookup{mac, entry->vlan});
     uint32_t code;
     if (shouldFail("swFdbGetEntry", &code))
         return code;
@@ -1017,7 +1121,17 @@ void dhcpReleasePacketPool(uint8_t* frame)
     ++s.releaseCount;
     SIM_POISON(it->first, it->second.capacity);
     s.releasedFrames.insert(*it);
+    s.releaseOrder.push_back(it->first);
     s.liveFrames.erase(it);
+    while (s.releaseOrder.size() > s.recording.releasedFrames) {
+        auto old = s.releasedFrames.find(s.releaseOrder.front());
+        s.releaseOrder.pop_front();
+        if (old == s.releasedFrames.end())
+            continue;
+        SIM_UNPOISON(old->first, old->second.capacity);
+        free(old->first);
+        s.releasedFrames.erase(old);
+    }
 }
 
 // ---- source guard ---------------------------------------------------------------
@@ -1118,7 +1232,8 @@ uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
     const uint8_t* d = static_cast<const uint8_t*>(usoData->data);
     State& s = st();
     Guard g(s.lock);
-    s.runtimeRecords.emplace_back(d, d + usoData->len);
+    if (s.recording.runtimeRecords)
+        s.runtimeRecords.emplace_back(d, d + usoData->len);
     return 0;
 }
 
@@ -1229,7 +1344,7 @@ void reset()
     s.includeArpDefend = false;
     s.setPortCfgCalls.clear();
 
-    s.debugFlag = 0;
+    gDebugFlag.store(0);
     s.switchInited = true;
     s.processName = "swapp";
     s.moduleName = "DHCPSNOOP";
@@ -1263,10 +1378,21 @@ void reset()
     s.stk = StkRegistrations{};
     s.hooks.clear();
     s.moduleIds.clear();
+    gLastModuleId.store(UINT32_MAX, std::memory_order_relaxed);
     s.runtimeRecords.clear();
 
     s.fileRoot.clear();
     s.filePaths.clear();
+    s.recording = Recording{};
+    gLogFilter.store(nullptr);
+    gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void setRecording(const Recording& recording)
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.recording = recording;
 }
 
 // ---- switch model ----------------------------------------------------------------
@@ -1435,7 +1561,7 @@ void setDebugFlag(uint32_t value)
 {
     State& s = st();
     Guard g(s.lock);
-    s.debugFlag = value;
+    gDebugFlag.store(value);
 }
 
 void setSwitchInited(bool inited)
@@ -1482,6 +1608,14 @@ std::string LogLine::message() const
 
 const std::vector<LogLine>& logs() { return st().logs; }
 
+void setLogFilter(bool (*wanted)(const char* format))
+{
+    State& s = st();
+    Guard g(s.lock);
+    gLogFilter.store(wanted);
+    gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
+}
+
 void clearLogs()
 {
     State& s = st();
@@ -1514,6 +1648,13 @@ size_t countMessage(const std::string& text)
 bool hasMessage(const std::string& text) { return countMessage(text) > 0; }
 
 const std::vector<SyslogEntry>& syslog() { return st().syslog; }
+
+void clearSyslog()
+{
+    State& s = st();
+    Guard g(s.lock);
+    s.syslog.clear();
+}
 
 std::string syslogText(uint32_t code)
 {
@@ -1775,10 +1916,13 @@ void advanceTo(uint64_t toMs, const std::function<void()>& onFire)
             if (gen != s.generation)
                 return;  // reset() ran meanwhile: the timer is gone
             TimerRec& t = s.timers[idx];
-            if (t.repetitions > 0 && --t.repetitions == 0)
+            if (t.repetitions > 0 && --t.repetitions == 0) {
                 t.active = false;
-            else
+                if (!s.recording.spentTimers)
+                    s.timers.erase(s.timers.begin() + (std::ptrdiff_t)idx);
+            } else {
                 t.dueMs += periodMs(t.period);
+            }
         }
     }
 }
@@ -1792,7 +1936,7 @@ void advance(uint64_t ms, const std::function<void()>& onFire)
 
 namespace {
 
-uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
+uint8_t* newFrameOf(const uint8_t* bytes, size_t len, size_t cap)
 {
     // calloc(0) gives a distinct pointer with no bytes behind it where the C
     // library allows it; elsewhere one byte stands in.
@@ -1801,8 +1945,8 @@ uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
         p = static_cast<uint8_t*>(calloc(1, 1));
     if (!p)
         return nullptr;
-    if (!bytes.empty())
-        memcpy(p, bytes.data(), bytes.size());
+    if (len != 0)
+        memcpy(p, bytes, len);
     State& s = st();
     Guard g(s.lock);
     s.liveFrames[p] = Frame{cap};
@@ -1811,12 +1955,17 @@ uint8_t* newFrameOf(const std::vector<uint8_t>& bytes, size_t cap)
 
 }  // namespace
 
-uint8_t* newFrame(const std::vector<uint8_t>& bytes)
+uint8_t* newFrame(const std::vector<uint8_t>& bytes) { return newFrame(bytes.data(), bytes.size()); }
+
+uint8_t* newFrame(const uint8_t* bytes, size_t len)
 {
-    return newFrameOf(bytes, std::max(kFrameCapacity, bytes.size()));
+    return newFrameOf(bytes, len, std::max(kFrameCapacity, len));
 }
 
-uint8_t* newFrameExact(const std::vector<uint8_t>& bytes) { return newFrameOf(bytes, bytes.size()); }
+uint8_t* newFrameExact(const std::vector<uint8_t>& bytes)
+{
+    return newFrameOf(bytes.data(), bytes.size(), bytes.size());
+}
 
 size_t framesOutstanding()
 {
@@ -1869,6 +2018,24 @@ void fdbClear()
     State& s = st();
     Guard g(s.lock);
     s.fdb.clear();
+}
+
+bool fdbFind(const Mac& mac, uint32_t vlan, up* port)
+{
+    State& s = st();
+    Guard g(s.lock);
+    auto it = s.fdb.find({mac, vlan});
+    if (it == s.fdb.end())
+        return false;
+    *port = it->second.port;
+    return true;
+}
+
+size_t fdbSize()
+{
+    State& s = st();
+    Guard g(s.lock);
+    return s.fdb.size();
 }
 
 const std::vector<FdbLookup>& fdbLookups() { return st().fdbLookups; }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -31,6 +32,24 @@ using Mac = std::array<uint8_t, 6>;
 // off, the switch initialised, the clock at 0, nothing recorded, no failures
 // armed, switch MAC 00:0e:5e:00:00:01.
 void reset();
+
+// ---- long runs ------------------------------------------------------------------------
+// The recorders (log lines, system-log entries, transmissions, FDB look-ups,
+// resource events, released frame buffers, spent timers, stack records) keep everything
+// since reset() for the tests to look at. A long run (the replay tool) takes
+// what it needs after each step and clears it (clearLogs, clearSyslog,
+// clearSent), and switches the rest off here, so that nothing grows with the
+// number of frames. reset() brings back the defaults: everything kept.
+struct Recording {
+    bool fdbLookups = true;     // swFdbGetEntry calls
+    bool events = true;         // resource events
+    bool spentTimers = true;    // a timer that fired its last time stays listed
+    bool runtimeRecords = true; // records sent with stkUsoRuntimeDataSync
+    // Released frame buffers stay reserved so that a second release is
+    // recognised; beyond this many the oldest are given back.
+    size_t releasedFrames = SIZE_MAX;
+};
+void setRecording(const Recording& recording);
 
 // ---- switch model ------------------------------------------------------------------
 
@@ -80,6 +99,12 @@ struct LogLine {
 };
 const std::vector<LogLine>& logs();
 void clearLogs();
+// Asked with each line's format before it is formatted: a line it declines
+// is neither formatted nor recorded (debugPrintf returns 0). With the debug
+// switch at 1, the module's call site of such a line is then answered 0 by
+// debugFlagGet, so the module does not even compose it again (composing asks
+// the kernel for the thread name). nullptr (the default): every line.
+void setLogFilter(bool (*wanted)(const char* format));
 // Messages of all lines, in order.
 std::vector<std::string> messages();
 // Number of lines whose message equals text.
@@ -93,6 +118,7 @@ struct SyslogEntry {
     std::string text;     // the entry rendered with the catalogue's text
 };
 const std::vector<SyslogEntry>& syslog();
+void clearSyslog();
 // Readable catalogue text of a code ("" for codes it does not know).
 std::string syslogText(uint32_t code);
 
@@ -194,6 +220,7 @@ void advance(uint64_t ms, const std::function<void()>& onFire = {});
 
 // A frame buffer of the packet pool holding bytes (capacity at least 2048).
 uint8_t* newFrame(const std::vector<uint8_t>& bytes);
+uint8_t* newFrame(const uint8_t* bytes, size_t len);
 // The same with a capacity of exactly bytes.size(): AddressSanitizer then
 // reports any read past the frame's end.
 uint8_t* newFrameExact(const std::vector<uint8_t>& bytes);
@@ -215,6 +242,10 @@ void clearSent();
 void fdbSet(const Mac& mac, uint32_t vlan, up port, uint32_t word = 0);
 void fdbRemove(const Mac& mac, uint32_t vlan);
 void fdbClear();
+// The port of an entry, without counting as the module's look-up; false when
+// there is none.
+bool fdbFind(const Mac& mac, uint32_t vlan, up* port);
+size_t fdbSize();
 struct FdbLookup {
     Mac mac;
     uint32_t vlan;

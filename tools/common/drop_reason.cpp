@@ -1,6 +1,9 @@
 #include "tools/common/drop_reason.h"
 
+#include <algorithm>
 #include <cstring>
+
+#include "snooping/dhcpSnoopInternal.h"
 
 namespace dropreason {
 
@@ -106,6 +109,108 @@ bool mayMatter(const char* start, size_t len)
         if (related(kRules[i].text))
             return true;
     return related(kModuleErrorStart);
+}
+
+namespace {
+
+// A message format as a pattern: literal bytes, and kAny where a conversion
+// stands (it may print anything, line ends included).
+constexpr int kAny = -1;
+
+std::vector<int> patternOf(const char* msg)
+{
+    std::vector<int> p;
+    for (const char* c = msg; *c != '\0'; ++c) {
+        if (*c != '%') {
+            p.push_back((unsigned char)*c);
+            continue;
+        }
+        if (c[1] == '%') {
+            p.push_back('%');
+            ++c;
+            continue;
+        }
+        // Flags, width, precision, length, then the conversion itself.
+        ++c;
+        while (*c != '\0' && strchr("-+ #0'123456789.*hljztLq", *c) != nullptr)
+            ++c;
+        p.push_back(kAny);
+        if (*c == '\0')
+            break;
+    }
+    // The classifier drops line ends (the suffix's among them).
+    while (!p.empty() && (p.back() == '\n' || p.back() == '\r'))
+        p.pop_back();
+    return p;
+}
+
+// Whether some output of the pattern names the rule: equals its text up to
+// line ends (exact rules), or starts with it (prefix rules).
+bool canName(const std::vector<int>& p, const char* text, bool prefix)
+{
+    size_t n = strlen(text);
+    // The positions of text an output of the pattern so far can have
+    // reached.
+    std::vector<char> at(n + 1, 0), next(n + 1, 0);
+    at[0] = 1;
+    for (size_t i = 0; i <= p.size(); ++i) {
+        if (at[n]) {
+            if (prefix)
+                return true;
+            // The rest may add nothing but line ends.
+            bool rest = true;
+            for (size_t k = i; k < p.size() && rest; ++k)
+                rest = p[k] == kAny || p[k] == '\n' || p[k] == '\r';
+            if (rest)
+                return true;
+        }
+        if (i == p.size())
+            return false;
+        std::fill(next.begin(), next.end(), 0);
+        bool any = false;
+        for (size_t j = 0; j <= n; ++j) {
+            if (!at[j])
+                continue;
+            if (p[i] == kAny) {
+                for (size_t k = j; k <= n; ++k)
+                    next[k] = 1;
+                any = true;
+                break;
+            }
+            if (j < n && (unsigned char)text[j] == p[i]) {
+                next[j + 1] = 1;
+                any = true;
+            }
+        }
+        if (!any)
+            return false;
+        at.swap(next);
+    }
+    return false;
+}
+
+}  // namespace
+
+bool formatMayMatter(const char* format)
+{
+    static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
+    if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
+        return true;
+    const char* msg = format + sizeof kPrefix - 1;
+    size_t n = strcspn(msg, "%");
+    // The classifier drops line ends (the suffix's among them): a shorter
+    // start only keeps more lines.
+    while (n > 0 && (msg[n - 1] == '\n' || msg[n - 1] == '\r'))
+        --n;
+    // Most formats part from every rule in their first bytes; the rest are
+    // matched whole, each conversion standing for any text.
+    if (!mayMatter(msg, n))
+        return false;
+    std::vector<int> p = patternOf(msg);
+    for (size_t i = 0; i < kRuleCount; ++i)
+        if (canName(p, kRules[i].text, kRules[i].prefix))
+            return true;
+    return canName(p, kModuleErrorStart, true);
 }
 
 std::vector<std::string> ruleTexts()

@@ -28,6 +28,12 @@ std::string dropReason(const std::vector<std::string>& lines);
 // False when no line that starts with these len bytes can name anything
 // (neither a rule nor a module error): such a line need not be formatted.
 bool mayMatter(const char* start, size_t len);
+// False when no line composed from this format (as the module passes it to
+// debugPrintf: the debug prefix, a blank, the message) can name anything, so
+// the line need not be formatted at all: decided on the message's literal
+// text, each conversion standing for any text it could print. True for
+// anything but a debug line's composition (error lines among them).
+bool formatMayMatter(const char* format);
 // The texts mayMatter checks against: every rule's, then the module error's.
 std::vector<std::string> ruleTexts();
 

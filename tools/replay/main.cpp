@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cmath>
+#include <cstdio>
+#include <memory>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -53,6 +56,49 @@ int fail(int code, const std::string& message)
     return code;
 }
 
+// A line on standard error that keeps being rewritten while a long replay
+// runs: frames so far, switch time, frames a second. Shown once the run has
+// taken a second, on a terminal only.
+class ProgressLine {
+public:
+    explicit ProgressLine(bool on) : on_(on), start_(Clock::now()), last_(start_) {}
+
+    void update(const replay::Progress& p)
+    {
+        if (!on_)
+            return;
+        Clock::time_point now = Clock::now();
+        double running = std::chrono::duration<double>(now - start_).count();
+        if (running < 1.0 || (shown_ && std::chrono::duration<double>(now - last_).count() < 0.25))
+            return;
+        last_ = now;
+        char line[160];
+        snprintf(line, sizeof line, "\r%llu frames, %s s of switch time, %.0f frames/s\x1b[K",
+                 (unsigned long long)p.frames, replay::relTime((int64_t)p.switchMs * 1000).c_str(),
+                 (double)p.frames / running);
+        fputs(line, stderr);
+        fflush(stderr);
+        shown_ = true;
+    }
+
+    // Takes the line away, before anything else is written to the terminal.
+    void clear()
+    {
+        if (!shown_)
+            return;
+        fputs("\r\x1b[K", stderr);
+        fflush(stderr);
+        shown_ = false;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    bool on_;
+    bool shown_ = false;
+    Clock::time_point start_;
+    Clock::time_point last_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -68,6 +114,8 @@ int main(int argc, char** argv)
     std::string outDir;
     double drainSeconds = 0;
     bool debug = false;
+    bool quiet = false;
+    size_t listed = 20;
     std::string example;
     app.add_option("--config", configPath, "The switch, in TOML (see the README)")
         ->type_name("FILE");
@@ -83,6 +131,11 @@ int main(int argc, char** argv)
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, 86400.0 * 366));
     app.add_flag("--debug", debug, "Also print the module's debug lines");
+    app.add_flag("--quiet", quiet, "No progress line on standard error");
+    app.add_option("--list", listed,
+                   "Show at most N dropped frames, bindings and system-log entries (default 20; "
+                   "the files of --out hold them all)")
+        ->type_name("N");
     app.add_option("--example", example,
                    "Run a shipped example (a name under the examples directory, or a directory "
                    "holding switch.toml and captures named after ports, e.g. 1_0_3.pcap); "
@@ -144,26 +197,52 @@ int main(int argc, char** argv)
         std::cout << "  " << in.port << " <- " << in.file << "\n";
     std::cout << "\n";
 
-    std::vector<replay::Frame> frames;
-    for (size_t i = 0; i < paths.size(); ++i)
-        if (!replay::readCapture(paths[i], i, frames, error))
+    // Every capture is opened before the first frame: a missing or foreign
+    // file stops the run before it starts.
+    std::vector<std::unique_ptr<replay::CaptureSource>> captures;
+    std::vector<replay::Source*> sources;
+    for (const auto& path : paths) {
+        captures.push_back(std::make_unique<replay::CaptureSource>());
+        if (!captures.back()->open(path, error))
             return fail(kBadCapture, error);
+        sources.push_back(captures.back().get());
+    }
+    replay::OutputDir out;
+    if (!outDir.empty() && !out.open(outDir, inputs, error))
+        return fail(kBadOutput, error);
 
+    ProgressLine progress(!quiet && isatty(2) != 0);
     replay::Options opt;
     opt.drainMs = (uint64_t)std::llround(drainSeconds * 1000);
     if (debug || cfg.debug)
         opt.debugOut = &std::cout;
+    if (!outDir.empty())
+        opt.output = &out;
+    opt.listed = listed;
+    opt.progress = [&progress](const replay::Progress& p) { progress.update(p); };
+    opt.note = [&progress](const std::string& line) {
+        progress.clear();
+        std::cerr << line << "\n";
+    };
     replay::Result r;
-    if (!replay::run(cfg, inputs, frames, opt, r, error))
+    bool ran = replay::run(cfg, inputs, sources, opt, r, error);
+    progress.clear();
+    if (!ran && r.failure == replay::Result::Failure::setup)
         return fail(kFailed, error);
+    // A capture that fails half-way still gives what was replayed up to
+    // there: the summary and the outputs, then the error.
     if (opt.debugOut != nullptr)
         std::cout << "\n";
-    std::cout << replay::summary(cfg, inputs, r);
-
+    std::cout << replay::summary(cfg, inputs, r, listed);
+    if (!ran && r.failure == replay::Result::Failure::output)
+        return fail(kBadOutput, error);
     if (!outDir.empty()) {
-        if (!replay::writeOutputs(outDir, inputs, r, error))
-            return fail(kBadOutput, error);
+        std::string outError;
+        if (!out.finish(r, outError))
+            return fail(kBadOutput, outError);
         std::cout << "\nOutputs in " << outDir << "\n";
     }
+    if (!ran)
+        return fail(kBadCapture, error + " (the frames before it were replayed)");
     return kOk;
 }

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include "snooping/dhcpSnoop.h"
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
+#include "tools/daemon/notify.h"
 
 namespace {
 
@@ -53,6 +55,19 @@ void sleepMs(long ms)
     }
 }
 
+// The default socket lives in /run/dhcpsnoop, which systemd makes for the
+// service (RuntimeDirectory); a daemon started by hand makes it itself. Only
+// the last component: a missing /run is an error worth seeing.
+void makeSocketDir(const std::string& socketPath)
+{
+    size_t slash = socketPath.rfind('/');
+    if (slash == std::string::npos || slash == 0)
+        return;
+    std::string dir = socketPath.substr(0, slash);
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+        warn("cannot create " + dir + ": " + strerror(errno));
+}
+
 ctl::Backend liveBackend()
 {
     ctl::Backend b;
@@ -68,13 +83,13 @@ ctl::Backend liveBackend()
 // SIGHUP. The debug switch and level follow the file only when the file
 // changed them, so a reload for another reason keeps what the operator set
 // with dhcpsnoopctl.
-void reload(const std::string& path, swcfg::SwitchConfig& current)
+bool reload(const std::string& path, swcfg::SwitchConfig& current)
 {
     swcfg::SwitchConfig next;
     std::string error;
     if (!swcfg::loadSwitchConfig(path, next, error) || !live::reconfigure(next, error)) {
         warn("reload: " + error + "; keeping the previous configuration");
-        return;
+        return false;
     }
     if (next.debug != current.debug)
         live::setDebug(next.debug);
@@ -89,6 +104,7 @@ void reload(const std::string& path, swcfg::SwitchConfig& current)
     if (dhcpSnoopSendMsgToMainQueue(&msg, 500) != DHCP_SNOOP_OK)
         warn("reload: the module's queue took no configuration-change message");
     std::cerr << "dhcpsnoopd: configuration reloaded from " << path << std::endl;
+    return true;
 }
 
 }  // namespace
@@ -101,7 +117,7 @@ int main(int argc, char** argv)
                  "dhcpsnoopd"};
     std::string configPath;
     live::Options opt;
-    std::string controlPath = "/run/dhcpsnoop.sock";
+    std::string controlPath = "/run/dhcpsnoop/dhcpsnoopd.sock";
     bool debug = false;
     app.add_option("--config", configPath, "The switch and its ports, in TOML (see the README)")
         ->type_name("FILE")
@@ -143,6 +159,7 @@ int main(int argc, char** argv)
 
     // The socket first: a second daemon stops here, before it touches the ports.
     ctl::Server server;
+    makeSocketDir(controlPath);
     if (!server.listen(controlPath, error))
         return fail(kStartFailed, error);
     if (!live::start(cfg, opt, error))
@@ -166,6 +183,8 @@ int main(int argc, char** argv)
         leave(kStartFailed);
     }
     std::cerr << "dhcpsnoopd: ready" << std::endl;
+    const std::string readyStatus = "switching " + std::to_string(cfg.ports.size()) + " ports";
+    svc::notifyReady(readyStatus);
 
     for (;;) {
         struct signalfd_siginfo si;
@@ -177,12 +196,15 @@ int main(int argc, char** argv)
             break;
         }
         if (si.ssi_signo == SIGHUP) {
-            reload(configPath, cfg);
+            svc::notifyReloading();
+            bool reloaded = reload(configPath, cfg);
+            svc::notifyReady(reloaded ? readyStatus : readyStatus + "; the last reload failed, previous configuration kept");
             continue;
         }
         break;
     }
 
+    svc::notifyStopping();
     server.stop();
     live::stop();
     int waited = 0;

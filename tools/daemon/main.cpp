@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <iostream>
 
 #include "platform/linux/live.h"
@@ -16,6 +17,7 @@
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
 #include "tools/daemon/notify.h"
+#include "tools/daemon/privilege.h"
 
 namespace {
 
@@ -57,15 +59,39 @@ void sleepMs(long ms)
 
 // The default socket lives in /run/dhcpsnoop, which systemd makes for the
 // service (RuntimeDirectory); a daemon started by hand makes it itself. Only
-// the last component: a missing /run is an error worth seeing.
-void makeSocketDir(const std::string& socketPath)
+// the last component: a missing /run is an error worth seeing. Returns the
+// directory when it made it.
+std::string makeSocketDir(const std::string& socketPath)
 {
     size_t slash = socketPath.rfind('/');
     if (slash == std::string::npos || slash == 0)
-        return;
+        return "";
     std::string dir = socketPath.substr(0, slash);
-    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
+    if (mkdir(dir.c_str(), 0755) == 0)
+        return dir;
+    if (errno != EEXIST)
         warn("cannot create " + dir + ": " + strerror(errno));
+    return "";
+}
+
+// --user: what the daemon still writes as that user. The data directory and
+// the files in it (the binding file and whatever it keeps beside it), the
+// control socket (removed at the stop) and its directory when made here.
+std::vector<std::string> userPaths(const std::string& dataDir, const std::string& socketPath,
+                                   const std::string& madeSocketDir)
+{
+    std::vector<std::string> paths;
+    if (!dataDir.empty()) {
+        paths.push_back(dataDir);
+        std::error_code ec;
+        for (const auto& e : std::filesystem::directory_iterator(dataDir, ec)) {
+            if (e.is_regular_file(ec))
+                paths.push_back(e.path().string());
+        }
+    }
+    paths.push_back(socketPath);
+    paths.push_back(madeSocketDir);
+    return paths;
 }
 
 ctl::Backend liveBackend()
@@ -129,6 +155,11 @@ int main(int argc, char** argv)
         ->type_name("SOCKET")
         ->capture_default_str();
     app.add_flag("--debug", debug, "Write the module's debug lines to standard error from the start");
+    std::string userName;
+    app.add_option("--user", userName,
+                   "Once the ports, the control socket and the data directory are open, continue as "
+                   "this user with only CAP_NET_RAW and CAP_NET_ADMIN")
+        ->type_name("NAME");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -142,6 +173,9 @@ int main(int argc, char** argv)
     std::string error;
     if (!swcfg::loadSwitchConfig(configPath, cfg, error))
         return fail(kBadConfig, error);
+    priv::User user;
+    if (!userName.empty() && !priv::lookUp(userName, user, error))
+        return fail(kStartFailed, error);
 
     // Every thread made from here on inherits the mask: the signals arrive
     // only through the descriptor, read by this thread.
@@ -159,11 +193,19 @@ int main(int argc, char** argv)
 
     // The socket first: a second daemon stops here, before it touches the ports.
     ctl::Server server;
-    makeSocketDir(controlPath);
+    std::string madeSocketDir = makeSocketDir(controlPath);
     if (!server.listen(controlPath, error))
         return fail(kStartFailed, error);
     if (!live::start(cfg, opt, error))
         return fail(kStartFailed, error);
+    // Before the module's first thread: every thread inherits the reduced set.
+    if (!userName.empty() && (!priv::handOver(user, userPaths(opt.dataDir, controlPath, madeSocketDir), error) ||
+                              !priv::dropTo(user, error))) {
+        live::stop();
+        server.stop();
+        fail(kStartFailed, error);
+        leave(kStartFailed);
+    }
     live::setDebug(debug || cfg.debug);
     uint32_t rv = dhcpSnoopInit();
     if (rv != DHCP_SNOOP_OK) {

@@ -18,7 +18,7 @@ deb=$(ls -t "$build"/dhcpsnoop_*.deb | head -n1)
 echo "== [package] $(basename "$deb")"
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for lib in libc6 libstdc++6 libpcap0.8 libsystemd0 adduser; do
+for lib in libc6 libstdc++6 libpcap0.8 libsystemd0 libcap-ng0 adduser; do
   case ", $depends," in *", $lib"[\ ,]*) ;; *) fail "$lib missing from Depends" ;; esac
 done
 for script in postinst prerm; do

@@ -16,6 +16,21 @@ scripts/deps.sh cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchma
 export DHCPSNOOP_E2E_REQUIRE=1
 
 status=0
+# promtool (Debian package prometheus) checks the metrics text (test_metrics).
+# Only the tool is taken out of the package: installing it would also start a
+# Prometheus server on this machine.
+if command -v promtool >/dev/null 2>&1; then
+  export DHCPSNOOP_PROMTOOL=promtool
+else
+  if [ ! -x build/promtool/usr/bin/promtool ]; then
+    rm -rf build/promtool && mkdir -p build/promtool
+    if ! (cd build/promtool && apt-get download -q prometheus >/dev/null 2>&1 &&
+          dpkg -x prometheus_*.deb . && rm -f prometheus_*.deb); then
+      echo "== cannot fetch promtool (package prometheus): test_metrics will fail"
+    fi
+  fi
+  export DHCPSNOOP_PROMTOOL="$PWD/build/promtool/usr/bin/promtool"
+fi
 run_suite() {
   local name=$1 dir=$2; shift 2
   echo "== [$name] configure and build"

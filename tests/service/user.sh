@@ -6,7 +6,8 @@
 #   - run every thread as that user and group, no supplementary groups, with
 #     only CAP_NET_RAW and CAP_NET_ADMIN (effective, permitted, bounding),
 #     nothing inheritable or ambient, no_new_privs set;
-#   - switch the client's lease and learn its binding (dhcpsnoopctl as root);
+#   - switch the client's lease and learn its binding (dhcpsnoopctl as root),
+#     which its metrics show (checked by promtool where it is found);
 #   - save the binding file as that user in the data directory root made;
 #   - re-read its configuration on SIGHUP;
 #   - stop with exit 0 on SIGTERM and remove its control socket;
@@ -159,6 +160,15 @@ wait_for 20 has_lease || fatal "the client got no lease through dhcpsnoopd --use
 ip_cli=$(ip -n "$ns_cli" -4 addr show dev eth0 | sed -n 's/.*inet \(198\.18\.0\.[0-9]*\).*/\1/p')
 has_binding() { "$ctl" --control "$work/run/ctl.sock" bindings --json | grep -q "\"ip\":\"$ip_cli\""; }
 wait_for 10 has_binding || fail "no binding of $ip_cli in dhcpsnoopctl bindings"
+# Its metrics: the binding and the port counters, text promtool accepts.
+"$ctl" --control "$work/run/ctl.sock" metrics >"$work/metrics.txt" || fail "dhcpsnoopctl metrics"
+grep -qx 'dhcpsnoop_bindings{vlan="10"} 1' "$work/metrics.txt" || fail "metrics: not one binding in VLAN 10"
+grep -q '^dhcpsnoop_port_dhcp_forwarded_total{port="1/0/1",interface="sw1"} [1-9]' "$work/metrics.txt" ||
+  fail "metrics: no DHCP frame forwarded from the server's port"
+promtool=${DHCPSNOOP_PROMTOOL:-$(command -v promtool)}
+if [ -n "$promtool" ]; then
+  "$promtool" check metrics <"$work/metrics.txt" || fail "promtool check metrics"
+fi
 saved() { grep -q "02:00:c6:12:00:02" "$work/data/dhcpSnoop.cfg" 2>/dev/null; }
 wait_for 20 saved || fail "the binding file was not saved with the client's binding"
 [ "$(stat -c %U "$work/data/dhcpSnoop.cfg" 2>/dev/null)" = nobody ] || fail "the binding file is not the user's"

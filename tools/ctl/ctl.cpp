@@ -15,6 +15,7 @@ const char* const kUsage =
     "  debug-level LEVEL set|clear  LEVEL 0 to 3, decimal or 0x hex (2: frame dumps)\n"
     "  counters [--json]            frames per port: received, sent, trapped, dropped by reason\n"
     "  events [--json]              system-log entries, oldest first\n"
+    "  metrics                      counters and bindings for Prometheus (text exposition)\n"
     "SOCKET defaults to /run/dhcpsnoop/dhcpsnoopd.sock.\n";
 
 int refuse(std::ostream& err, std::string message)

@@ -156,8 +156,8 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, metrics)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, metrics)"},
     };
     for (const Case& c : cases) {
         Command cmd;
@@ -615,7 +615,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, metrics)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());

@@ -15,6 +15,7 @@
 
 namespace priv {
 
+#ifdef DHCPSNOOP_HAVE_CAPNG
 namespace {
 
 // Threads of this process, by /proc/self/task; -1 when it cannot be read.
@@ -33,6 +34,7 @@ int threadCount()
 }
 
 }  // namespace
+#endif
 
 bool supported()
 {

@@ -47,6 +47,10 @@ bool supported()
 
 bool lookUp(const std::string& name, User& user, std::string& error)
 {
+    if (!supported()) {
+        error = "--user: this dhcpsnoopd was built without libcap-ng";
+        return false;
+    }
     if (name.empty()) {
         error = "--user: no user named";
         return false;

@@ -20,8 +20,8 @@ struct User {
 // True when this build can change its user (linked with libcap-ng).
 bool supported();
 
-// The user NAME (a name, not a number), refused when it is root: running as
-// root is what leaving it off means.
+// The user NAME (a name, not a number), refused when it is root (running as
+// root is what leaving it off means) or the build has no libcap-ng.
 bool lookUp(const std::string& name, User& user, std::string& error);
 
 // Gives the user what the daemon writes later: each existing path (the data

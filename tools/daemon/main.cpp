@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <filesystem>
 #include <iostream>
 
 #include "platform/linux/live.h"
@@ -77,21 +76,14 @@ std::string makeSocketDir(const std::string& socketPath)
 // --user: what the daemon still writes as that user. The data directory and
 // the files in it (the binding file and whatever it keeps beside it), the
 // control socket (removed at the stop) and its directory when made here.
-std::vector<std::string> userPaths(const std::string& dataDir, const std::string& socketPath,
-                                   const std::string& madeSocketDir)
+bool userPaths(const std::string& dataDir, const std::string& socketPath, const std::string& madeSocketDir,
+               std::vector<std::string>& paths, std::string& error)
 {
-    std::vector<std::string> paths;
-    if (!dataDir.empty()) {
-        paths.push_back(dataDir);
-        std::error_code ec;
-        for (const auto& e : std::filesystem::directory_iterator(dataDir, ec)) {
-            if (e.is_regular_file(ec))
-                paths.push_back(e.path().string());
-        }
-    }
+    if (!priv::dataDirPaths(dataDir, paths, error))
+        return false;
     paths.push_back(socketPath);
     paths.push_back(madeSocketDir);
-    return paths;
+    return true;
 }
 
 ctl::Backend liveBackend()
@@ -199,8 +191,9 @@ int main(int argc, char** argv)
     if (!live::start(cfg, opt, error))
         return fail(kStartFailed, error);
     // Before the module's first thread: every thread inherits the reduced set.
-    if (!userName.empty() && (!priv::handOver(user, userPaths(opt.dataDir, controlPath, madeSocketDir), error) ||
-                              !priv::dropTo(user, error))) {
+    std::vector<std::string> handed;
+    if (!userName.empty() && (!userPaths(opt.dataDir, controlPath, madeSocketDir, handed, error) ||
+                              !priv::handOver(user, handed, error) || !priv::dropTo(user, error))) {
         live::stop();
         server.stop();
         fail(kStartFailed, error);

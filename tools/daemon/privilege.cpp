@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #ifdef DHCPSNOOP_HAVE_CAPNG
 #include <cap-ng.h>
 #endif
@@ -73,6 +75,35 @@ bool lookUp(const std::string& name, User& user, std::string& error)
     return true;
 }
 
+bool dataDirPaths(const std::string& dir, std::vector<std::string>& paths, std::string& error)
+{
+    paths.clear();
+    if (dir.empty())
+        return true;
+    std::error_code ec;
+    std::filesystem::path canon = std::filesystem::weakly_canonical(dir, ec);
+    if (ec || canon == canon.root_path()) {
+        error = "--user: data directory " + dir + " cannot be given to another user";
+        return false;
+    }
+    paths.push_back(dir);
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+        std::error_code ec2;
+        if (!e.is_regular_file(ec2) || e.is_symlink(ec2)) {
+            // /var/lib rather than /var/lib/dhcpsnoop: never hand over a tree.
+            error = "--user: data directory " + dir + " holds " + e.path().filename().string() +
+                    ", which is not a plain file: is it the daemon's own directory?";
+            return false;
+        }
+        paths.push_back(e.path().string());
+    }
+    if (ec && ec != std::errc::no_such_file_or_directory) {
+        error = "--user: data directory " + dir + ": " + ec.message();
+        return false;
+    }
+    return true;
+}
+
 bool handOver(const User& user, const std::vector<std::string>& paths, std::string& error)
 {
     for (const std::string& p : paths) {
@@ -85,14 +116,43 @@ bool handOver(const User& user, const std::vector<std::string>& paths, std::stri
             error = "--user: " + p + ": " + strerror(errno);
             return false;
         }
-        if (S_ISLNK(st.st_mode)) {
-            error = "--user: " + p + " is a symbolic link; not handing it over";
+        if (S_ISSOCK(st.st_mode)) {
+            // The control socket this process has just bound; it cannot be opened.
+            if (fchownat(AT_FDCWD, p.c_str(), user.uid, user.gid, AT_SYMLINK_NOFOLLOW) != 0) {
+                error = "--user: cannot give " + p + " to " + user.name + ": " + strerror(errno);
+                return false;
+            }
+            continue;
+        }
+        if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
+            error = "--user: " + p + " is neither a plain file nor a directory; not handing it over";
             return false;
         }
-        if (fchownat(AT_FDCWD, p.c_str(), user.uid, user.gid, AT_SYMLINK_NOFOLLOW) != 0) {
-            error = "--user: cannot give " + p + " to " + user.name + ": " + strerror(errno);
+        // Opened without following a link and checked on the descriptor: a
+        // name swapped after lstat cannot redirect the change of owner.
+        int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK |
+                    (S_ISDIR(st.st_mode) ? O_DIRECTORY : 0);
+        int fd = open(p.c_str(), flags);
+        if (fd < 0) {
+            error = "--user: " + p + ": " + (errno == ELOOP ? "a symbolic link" : strerror(errno)) +
+                    "; not handing it over";
             return false;
         }
+        struct stat fst;
+        bool ok = fstat(fd, &fst) == 0 && (S_ISDIR(fst.st_mode) || S_ISREG(fst.st_mode));
+        if (ok && S_ISREG(fst.st_mode) && fst.st_nlink != 1) {
+            // A second name elsewhere could be any file of the system.
+            close(fd);
+            error = "--user: " + p + " has " + std::to_string(fst.st_nlink) + " hard links; not handing it over";
+            return false;
+        }
+        if (!ok || fchown(fd, user.uid, user.gid) != 0) {
+            int e = errno;
+            close(fd);
+            error = "--user: cannot give " + p + " to " + user.name + ": " + strerror(e);
+            return false;
+        }
+        close(fd);
     }
     return true;
 }

@@ -24,9 +24,16 @@ bool supported();
 // root is what leaving it off means) or the build has no libcap-ng.
 bool lookUp(const std::string& name, User& user, std::string& error);
 
+// The data directory and the plain files in it, to hand over. Refused for
+// "/" and for a directory holding anything but plain files (a tree such as
+// /var/lib is not the daemon's own); a missing directory gives nothing.
+bool dataDirPaths(const std::string& dir, std::vector<std::string>& paths, std::string& error);
+
 // Gives the user what the daemon writes later: each existing path (the data
 // directory, the binding file, the control socket and the directory made
-// for it) is changed to the user's ownership, a symbolic link never followed.
+// for it) is changed to the user's ownership. A symbolic link, a file with
+// more than one hard link, or anything but a plain file, a directory or a
+// socket is refused.
 bool handOver(const User& user, const std::vector<std::string>& paths, std::string& error);
 
 // Switches the whole process to the user. Capabilities are a thread's own:

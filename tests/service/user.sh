@@ -11,7 +11,8 @@
 #   - save the binding file as that user in the data directory root made;
 #   - re-read its configuration on SIGHUP;
 #   - stop with exit 0 on SIGTERM and remove its control socket;
-# and refuse --user root and an unknown user with exit 2.
+# refuse --user root and an unknown user with exit 2; and start, answer and
+# stop as dhcpsnoopd.service runs it (a user with ambient capabilities).
 #
 #   user.sh --daemon DHCPSNOOPD --ctl DHCPSNOOPCTL
 # Exit 0 pass, 1 fail, 77 skipped. Makes dse* namespaces: run under
@@ -51,7 +52,7 @@ failed=0
 fail() { echo "FAILED: $*"; failed=1; }
 fatal() { echo "FAILED: $*"; show; exit 1; }
 show() {
-  for f in daemon.log server.log udhcpc.log; do echo "--- $f"; cat "$work/$f" 2>/dev/null; done
+  for f in daemon.log daemon-svc.log server.log udhcpc.log; do echo "--- $f"; cat "$work/$f" 2>/dev/null; done
 }
 wait_for() {
   local t=$1; shift
@@ -183,6 +184,28 @@ wait "$dpid"; rc=$?; dpid=""
 [ "$rc" -eq 0 ] || fail "SIGTERM: exit $rc"
 # The daemon made its socket's directory: the user can remove the socket.
 [ ! -e "$work/run/ctl.sock" ] || fail "the control socket was left behind"
+
+# As dhcpsnoopd.service runs it: started as the user with the two
+# capabilities ambient (setpriv standing in for systemd's User= and
+# AmbientCapabilities=), its state and runtime directories made for it.
+if command -v setpriv >/dev/null; then
+  install -d -m 700 -o nobody "$work/state"
+  install -d -m 755 -o nobody "$work/runtime"
+  ip netns exec "$ns_sw" setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups --no-new-privs \
+    --inh-caps=-all,+net_raw,+net_admin --ambient-caps=-all,+net_raw,+net_admin \
+    --bounding-set=-all,+net_raw,+net_admin \
+    "$daemon" --config "$work/switch.toml" --data-dir "$work/state" \
+    --control "$work/runtime/dhcpsnoopd.sock" >"$work/daemon-svc.log" 2>&1 &
+  dpid=$!
+  if wait_for 20 grep -q "dhcpsnoopd: ready" "$work/daemon-svc.log"; then
+    "$ctl" --control "$work/runtime/dhcpsnoopd.sock" counters >/dev/null || fail "as the service: dhcpsnoopctl counters"
+  else
+    fail "as the service (user nobody, ambient CAP_NET_RAW and CAP_NET_ADMIN): not ready"
+  fi
+  kill -TERM "$dpid"
+  wait "$dpid"; rc=$?; dpid=""
+  [ "$rc" -eq 0 ] || fail "as the service: SIGTERM exit $rc"
+fi
 
 if [ $failed -ne 0 ] || [ -n "${DHCPSNOOP_USER_DEBUG:-}" ]; then
   show

@@ -15,7 +15,8 @@
 # stop as dhcpsnoopd.service runs it (a user with ambient capabilities).
 #
 #   user.sh --daemon DHCPSNOOPD --ctl DHCPSNOOPCTL
-# Exit 0 pass, 1 fail, 77 skipped. Makes dse* namespaces: run under
+# Exit 0 pass, 1 fail, 77 skipped; DHCPSNOOP_USER_DEBUG=1 runs the daemon
+# with --debug and prints the logs. Makes dse* namespaces: run under
 # flock /tmp/dhcpsnoop-e2e.lock (CTest holds the e2e resource lock instead).
 set -uo pipefail
 PATH="$PATH:/usr/sbin:/sbin"
@@ -209,6 +210,6 @@ fi
 
 if [ $failed -ne 0 ] || [ -n "${DHCPSNOOP_USER_DEBUG:-}" ]; then
   show
-  exit 1
+  [ $failed -ne 0 ] && exit 1
 fi
 echo "user: dhcpsnoopd --user nobody: every thread as nobody with CAP_NET_RAW and CAP_NET_ADMIN only, lease $ip_cli switched and bound, binding file saved, reload, clean stop; root and unknown users refused"

@@ -20,25 +20,13 @@ std::string metricLabel(const std::string& value)
     return out;
 }
 
-namespace {
-
-void family(std::string& out, const char* name, const char* type, const char* help)
+std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& counters,
+                                         const std::vector<Binding>& bindings, size_t events)
 {
-    out += std::string("# HELP ") + name + " " + help + "\n";
-    out += std::string("# TYPE ") + name + " " + type + "\n";
-}
-
-std::string portLabels(const live::PortCounters& c)
-{
-    return "port=\"" + metricLabel(c.name) + "\",interface=\"" + metricLabel(c.interface) + "\"";
-}
-
-}  // namespace
-
-std::string metricsText(const std::vector<live::PortCounters>& counters, const std::vector<Binding>& bindings,
-                        size_t events)
-{
-    std::string out;
+    std::vector<MetricFamily> out;
+    auto port = [](const live::PortCounters& c) {
+        return std::vector<std::pair<std::string, std::string>>{{"port", c.name}, {"interface", c.interface}};
+    };
     struct PortCounter {
         const char* name;
         const char* help;
@@ -56,26 +44,57 @@ std::string metricsText(const std::vector<live::PortCounters>& counters, const s
          &live::PortCounters::sourceGuardDropped},
     };
     for (const PortCounter& pc : kPort) {
-        family(out, pc.name, "counter", pc.help);
+        MetricFamily f{pc.name, pc.help, true, {}};
         for (const live::PortCounters& c : counters)
-            out += std::string(pc.name) + "{" + portLabels(c) + "} " + std::to_string(c.*pc.field) + "\n";
+            f.samples.push_back({port(c), c.*pc.field});
+        out.push_back(f);
     }
-    family(out, "dhcpsnoop_port_dhcp_dropped_total", "counter",
-           "DHCP frames of the port not sent on, by the reason the module or the switch gave.");
+    MetricFamily drops{"dhcpsnoop_port_dhcp_dropped_total",
+                       "DHCP frames of the port not sent on, by the reason the module or the switch gave.", true, {}};
     for (const live::PortCounters& c : counters) {
-        for (const auto& d : c.dropped)
-            out += "dhcpsnoop_port_dhcp_dropped_total{" + portLabels(c) + ",reason=\"" + metricLabel(d.first) +
-                   "\"} " + std::to_string(d.second) + "\n";
+        for (const auto& d : c.dropped) {
+            MetricSample s{port(c), d.second};
+            s.labels.emplace_back("reason", d.first);
+            drops.samples.push_back(s);
+        }
     }
-    std::map<uint16_t, size_t> perVlan;
+    out.push_back(drops);
+    std::map<uint16_t, uint64_t> perVlan;
     for (const Binding& b : bindings)
         ++perVlan[b.vlan];
-    family(out, "dhcpsnoop_bindings", "gauge", "Dynamic bindings, by VLAN.");
+    MetricFamily bound{"dhcpsnoop_bindings", "Dynamic bindings, by VLAN.", false, {}};
     for (const auto& v : perVlan)
-        out += "dhcpsnoop_bindings{vlan=\"" + std::to_string(v.first) + "\"} " + std::to_string(v.second) + "\n";
-    family(out, "dhcpsnoop_system_log_entries", "gauge", "System-log entries the daemon keeps for events.");
-    out += "dhcpsnoop_system_log_entries " + std::to_string(events) + "\n";
+        bound.samples.push_back({{{"vlan", std::to_string(v.first)}}, v.second});
+    out.push_back(bound);
+    out.push_back({"dhcpsnoop_system_log_entries", "System-log entries the daemon keeps for events.", false,
+                   {{{}, (uint64_t)events}}});
     return out;
+}
+
+std::string metricsText(const std::vector<MetricFamily>& families)
+{
+    std::string out;
+    for (const MetricFamily& f : families) {
+        out += "# HELP " + f.name + " " + f.help + "\n";
+        out += "# TYPE " + f.name + (f.counter ? " counter\n" : " gauge\n");
+        for (const MetricSample& s : f.samples) {
+            out += f.name;
+            if (!s.labels.empty()) {
+                out += "{";
+                for (size_t i = 0; i < s.labels.size(); ++i)
+                    out += (i ? "," : "") + s.labels[i].first + "=\"" + metricLabel(s.labels[i].second) + "\"";
+                out += "}";
+            }
+            out += " " + std::to_string(s.value) + "\n";
+        }
+    }
+    return out;
+}
+
+std::string metricsText(const std::vector<live::PortCounters>& counters, const std::vector<Binding>& bindings,
+                        size_t events)
+{
+    return metricsText(metricFamilies(counters, bindings, events));
 }
 
 }  // namespace ctl

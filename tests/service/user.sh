@@ -7,7 +7,8 @@
 #     only CAP_NET_RAW and CAP_NET_ADMIN (effective, permitted, bounding),
 #     nothing inheritable or ambient, no_new_privs set;
 #   - switch the client's lease and learn its binding (dhcpsnoopctl as root),
-#     which its metrics show (checked by promtool where it is found);
+#     which its metrics show, from dhcpsnoopctl and over HTTP (--metrics),
+#     checked by promtool where it is found;
 #   - save the binding file as that user in the data directory root made;
 #   - re-read its configuration on SIGHUP;
 #   - stop with exit 0 on SIGTERM and remove its control socket;
@@ -77,6 +78,7 @@ for ns in "$ns_srv" "$ns_cli"; do
   ip netns exec "$ns_sw" ethtool -K "sw$n" tx off >/dev/null
 done
 ip -n "$ns_srv" addr add 198.18.0.1/24 dev eth0
+ip -n "$ns_sw" link set lo up    # the metrics endpoint
 
 write_config() {
   cat >"$work/switch.toml" <<TOML
@@ -115,7 +117,13 @@ grep -q "no-such-user-dse: no such user" "$work/daemon.log" || fail "an unknown 
 [ "$(stat -c %U "$work/data")" = root ] || fail "a refused start handed the data directory over"
 : >"$work/daemon.log"
 
-start --user nobody
+metrics_http=0
+if ldd "$daemon" 2>/dev/null | grep -q libprometheus-cpp; then
+  metrics_http=1
+  start --user nobody --metrics 127.0.0.1:9817
+else
+  start --user nobody
+fi
 wait_for 20 grep -q "dhcpsnoopd: ready" "$work/daemon.log" || fatal "dhcpsnoopd --user nobody not ready"
 uid=$(id -u nobody) gid=$(id -g nobody)
 for status in /proc/"$dpid"/task/*/status; do
@@ -171,6 +179,19 @@ promtool=${DHCPSNOOP_PROMTOOL:-$(command -v promtool)}
 if [ -n "$promtool" ]; then
   "$promtool" check metrics <"$work/metrics.txt" || fail "promtool check metrics"
 fi
+# The same over HTTP, served by threads of the user.
+if [ $metrics_http = 1 ]; then
+  ip netns exec "$ns_sw" python3 -c '
+import sys, urllib.request
+sys.stdout.write(urllib.request.urlopen("http://127.0.0.1:9817/metrics", timeout=5).read().decode())' \
+    >"$work/scrape.txt" 2>"$work/scrape.err" || fail "scraping /metrics: $(cat "$work/scrape.err")"
+  grep -q '^dhcpsnoop_bindings{vlan="10"} 1' "$work/scrape.txt" || fail "/metrics: not one binding in VLAN 10"
+  grep -q '^dhcpsnoop_port_dhcp_forwarded_total{.*port="1/0/1".*} [1-9]' "$work/scrape.txt" ||
+    fail "/metrics: no DHCP frame forwarded from the server's port"
+  if [ -n "$promtool" ]; then
+    "$promtool" check metrics <"$work/scrape.txt" || fail "promtool check metrics of /metrics"
+  fi
+fi
 saved() { grep -q "02:00:c6:12:00:02" "$work/data/dhcpSnoop.cfg" 2>/dev/null; }
 wait_for 20 saved || fail "the binding file was not saved with the client's binding"
 [ "$(stat -c %U "$work/data/dhcpSnoop.cfg" 2>/dev/null)" = nobody ] || fail "the binding file is not the user's"
@@ -212,4 +233,6 @@ if [ $failed -ne 0 ] || [ -n "${DHCPSNOOP_USER_DEBUG:-}" ]; then
   show
   [ $failed -ne 0 ] && exit 1
 fi
-echo "user: dhcpsnoopd --user nobody: every thread as nobody with CAP_NET_RAW and CAP_NET_ADMIN only, lease $ip_cli switched and bound, binding file saved, reload, clean stop; root and unknown users refused"
+http=""
+[ $metrics_http = 1 ] && http=", metrics over HTTP"
+echo "user: dhcpsnoopd --user nobody: every thread as nobody with CAP_NET_RAW and CAP_NET_ADMIN only, lease $ip_cli switched and bound, binding file saved$http, reload, clean stop; root and unknown users refused; started as the unit runs it"

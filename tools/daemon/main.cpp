@@ -15,6 +15,7 @@
 #include "snooping/dhcpSnoop.h"
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
+#include "tools/daemon/metrics_http.h"
 #include "tools/daemon/notify.h"
 #include "tools/daemon/privilege.h"
 
@@ -152,6 +153,10 @@ int main(int argc, char** argv)
                    "Once the ports, the control socket and the data directory are open, continue as "
                    "this user with only CAP_NET_RAW and CAP_NET_ADMIN")
         ->type_name("NAME");
+    std::string metricsAddress;
+    app.add_option("--metrics", metricsAddress,
+                   "Serve the counters and bindings for Prometheus at http://ADDRESS:PORT/metrics")
+        ->type_name("ADDRESS:PORT");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -217,6 +222,23 @@ int main(int argc, char** argv)
         fail(kStartFailed, error);
         leave(kStartFailed);
     }
+    // After the change of user: its threads inherit the reduced set.
+    ctl::MetricsHttp metrics;
+    if (!metricsAddress.empty()) {
+        ctl::Backend backend = liveBackend();
+        auto collect = [backend] {
+            std::vector<ctl::Binding> bindings;
+            std::string ignored;
+            backend.bindings(bindings, ignored);  // none while the module cannot answer
+            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size());
+        };
+        if (!metrics.start(metricsAddress, collect, error)) {
+            live::stop();
+            server.stop();
+            fail(kStartFailed, error);
+            leave(kStartFailed);
+        }
+    }
     std::cerr << "dhcpsnoopd: ready" << std::endl;
     const std::string readyStatus = "switching " + std::to_string(cfg.ports.size()) + " ports";
     svc::notifyReady(readyStatus);
@@ -240,6 +262,7 @@ int main(int argc, char** argv)
     }
 
     svc::notifyStopping();
+    metrics.stop();
     server.stop();
     live::stop();
     int waited = 0;

@@ -157,8 +157,8 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency, status)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency, status)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"},
         {{"status", "--verbose"}, "status: usage: status [--json]"},
     };
     for (const Case& c : cases) {
@@ -820,7 +820,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency, status)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());

@@ -141,6 +141,9 @@ watchdog=$!
 
 work="$(mktemp -d "/tmp/dhcpsnoop-e2e-$tag-XXXXXX")"
 chmod 755 "$work"
+# DHCPSNOOP_E2E_USER=NAME runs the daemon with --user NAME: it reads its
+# configuration here and removes its own socket (sticky, like /tmp).
+[ -n "${DHCPSNOOP_E2E_USER:-}" ] && chmod 1777 "$work"
 
 # ---- results ---------------------------------------------------------------
 
@@ -249,6 +252,7 @@ daemon_start() {
   before=$(grep -c 'dhcpsnoopd: ready' "$work/daemon.log" 2>/dev/null)
   local debug=()
   [ "${DHCPSNOOP_E2E_DEBUG:-0}" = 1 ] && debug=(--debug)
+  [ -n "${DHCPSNOOP_E2E_USER:-}" ] && debug+=(--user "$DHCPSNOOP_E2E_USER")
   ip netns exec "$ns_sw" "$daemon" --config "$work/switch.toml" --data-dir "$work/data" \
     --control "$work/ctl.sock" "${debug[@]}" >>"$work/daemon.log" 2>&1 &
   daemon_pid=$!

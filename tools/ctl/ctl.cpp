@@ -17,7 +17,8 @@ const char* const kUsage =
     "  events [--json]              system-log entries, oldest first\n"
     "  latency [--json] [--clear]   trapped frames from the trap to their transmission: p50, p99, max\n"
     "  status [--json]              the binding file: saving or stopped, saves, failures, last good copy\n"
-    "SOCKET defaults to /run/dhcpsnoop.sock.\n";
+    "  metrics                      counters and bindings for Prometheus (text exposition)\n"
+    "SOCKET defaults to /run/dhcpsnoop/dhcpsnoopd.sock.\n";
 
 int refuse(std::ostream& err, std::string message)
 {

@@ -8,7 +8,7 @@
 
 namespace ctl {
 
-constexpr const char* kDefaultControlPath = "/run/dhcpsnoop.sock";
+constexpr const char* kDefaultControlPath = "/run/dhcpsnoop/dhcpsnoopd.sock";
 
 int ctlMain(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 

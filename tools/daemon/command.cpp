@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tools/common/json_text.h"
+#include "tools/daemon/metrics.h"
 
 namespace ctl {
 
@@ -147,7 +148,7 @@ bool parseLevel(const std::string& text, uint32_t& level, std::string& error)
 bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::string& error)
 {
     if (words.empty()) {
-        error = "no command (bindings, delete, debug, debug-level, counters, events, latency, status)";
+        error = "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)";
         return false;
     }
     const std::string& name = words[0];
@@ -180,6 +181,10 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
                 return false;
             }
         }
+    } else if (name == "metrics") {
+        c.kind = Command::Metrics;
+        if (!arity(1, "metrics"))
+            return false;
     } else if (name == "delete") {
         c.kind = Command::Delete;
         if (!arity(4, "delete IP VLAN MAC") || !parseIp(words[1], c.key.ip, error) ||
@@ -205,7 +210,7 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         c.set = words[2] == "set";
     } else {
         error = "unknown command " + quoteWord(name) +
-                " (bindings, delete, debug, debug-level, counters, events, latency, status)";
+                " (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)";
         return false;
     }
     cmd = c;
@@ -483,6 +488,15 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
     case Command::Status:
         r.body = c.json ? statusJson(backend.saveStatus()) : statusTable(backend.saveStatus());
         break;
+    case Command::Metrics: {
+        std::vector<Binding> bindings;
+        if (!backend.bindings(bindings, error)) {
+            r.body = "metrics: " + error;
+            return r;
+        }
+        r.body = metricsText(backend.counters(), bindings, backend.events().size());
+        break;
+    }
     }
     r.ok = true;
     return r;

@@ -4,7 +4,7 @@
 // Request: the command's words separated by single blanks, ended by a
 // newline (at most kRequestMax bytes with it). Reply: "ok" or "error" on the
 // first line, then the body; the daemon closes the connection after it.
-// Plain text on purpose: `echo bindings | socat - UNIX:/run/dhcpsnoop.sock`
+// Plain text on purpose: `echo bindings | socat - UNIX:/run/dhcpsnoop/dhcpsnoopd.sock`
 // works too.
 #pragma once
 

@@ -16,6 +16,9 @@
 #include "tools/daemon/control.h"
 #include "tools/daemon/module_backend.h"
 #include "tools/daemon/stop.h"
+#include "tools/daemon/metrics_http.h"
+#include "tools/daemon/notify.h"
+#include "tools/daemon/privilege.h"
 
 namespace {
 
@@ -51,6 +54,36 @@ void sleepMs(long ms)
     }
 }
 
+// The default socket lives in /run/dhcpsnoop, which systemd makes for the
+// service (RuntimeDirectory); a daemon started by hand makes it itself. Only
+// the last component: a missing /run is an error worth seeing. Returns the
+// directory when it made it.
+std::string makeSocketDir(const std::string& socketPath)
+{
+    size_t slash = socketPath.rfind('/');
+    if (slash == std::string::npos || slash == 0)
+        return "";
+    std::string dir = socketPath.substr(0, slash);
+    if (mkdir(dir.c_str(), 0755) == 0)
+        return dir;
+    if (errno != EEXIST)
+        warn("cannot create " + dir + ": " + strerror(errno));
+    return "";
+}
+
+// --user: what the daemon still writes as that user. The data directory and
+// the files in it (the binding file and whatever it keeps beside it), the
+// control socket (removed at the stop) and its directory when made here.
+bool userPaths(const std::string& dataDir, const std::string& socketPath, const std::string& madeSocketDir,
+               std::vector<std::string>& paths, std::string& error)
+{
+    if (!priv::dataDirPaths(dataDir, paths, error))
+        return false;
+    paths.push_back(socketPath);
+    paths.push_back(madeSocketDir);
+    return true;
+}
+
 ctl::Backend liveBackend()
 {
     ctl::Backend b;
@@ -68,7 +101,7 @@ ctl::Backend liveBackend()
 // SIGHUP. The debug switch and level follow the file only when the file
 // changed them, so a reload for another reason keeps what the operator set
 // with dhcpsnoopctl.
-void reload(const std::string& path, swcfg::SwitchConfig& current)
+bool reload(const std::string& path, swcfg::SwitchConfig& current)
 {
     // Saving stopped by a failed save starts again, whatever the file says.
     if (!live::saveStatus().saving) {
@@ -82,7 +115,7 @@ void reload(const std::string& path, swcfg::SwitchConfig& current)
     std::string error;
     if (!swcfg::loadSwitchConfig(path, next, error) || !live::reconfigure(next, error)) {
         warn("reload: " + error + "; keeping the previous configuration");
-        return;
+        return false;
     }
     if (next.debug != current.debug)
         live::setDebug(next.debug);
@@ -97,6 +130,7 @@ void reload(const std::string& path, swcfg::SwitchConfig& current)
     if (dhcpSnoopSendMsgToMainQueue(&msg, 500) != DHCP_SNOOP_OK)
         warn("reload: the module's queue took no configuration-change message");
     std::cerr << "dhcpsnoopd: configuration reloaded from " << path << std::endl;
+    return true;
 }
 
 }  // namespace
@@ -109,7 +143,7 @@ int main(int argc, char** argv)
                  "dhcpsnoopd"};
     std::string configPath;
     live::Options opt;
-    std::string controlPath = "/run/dhcpsnoop.sock";
+    std::string controlPath = "/run/dhcpsnoop/dhcpsnoopd.sock";
     bool debug = false;
     app.add_option("--config", configPath, "The switch and its ports, in TOML (see the README)")
         ->type_name("FILE")
@@ -121,6 +155,15 @@ int main(int argc, char** argv)
         ->type_name("SOCKET")
         ->capture_default_str();
     app.add_flag("--debug", debug, "Write the module's debug lines to standard error from the start");
+    std::string userName;
+    app.add_option("--user", userName,
+                   "Once the ports, the control socket and the data directory are open, continue as "
+                   "this user with only CAP_NET_RAW and CAP_NET_ADMIN")
+        ->type_name("NAME");
+    std::string metricsAddress;
+    app.add_option("--metrics", metricsAddress,
+                   "Serve the counters and bindings for Prometheus at http://ADDRESS:PORT/metrics")
+        ->type_name("ADDRESS:PORT");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -138,6 +181,9 @@ int main(int argc, char** argv)
     std::string error;
     if (!swcfg::loadSwitchConfig(configPath, cfg, error))
         return fail(kBadConfig, error);
+    priv::User user;
+    if (!userName.empty() && !priv::lookUp(userName, user, error))
+        return fail(kStartFailed, error);
 
     // Every thread made from here on inherits the mask: the signals arrive
     // only through the descriptor, read by this thread.
@@ -155,10 +201,20 @@ int main(int argc, char** argv)
 
     // The socket first: a second daemon stops here, before it touches the ports.
     ctl::Server server;
+    std::string madeSocketDir = makeSocketDir(controlPath);
     if (!server.listen(controlPath, error))
         return fail(kStartFailed, error);
     if (!live::start(cfg, opt, error))
         return fail(kStartFailed, error);
+    // Before the module's first thread: every thread inherits the reduced set.
+    std::vector<std::string> handed;
+    if (!userName.empty() && (!userPaths(opt.dataDir, controlPath, madeSocketDir, handed, error) ||
+                              !priv::handOver(user, handed, error) || !priv::dropTo(user, error))) {
+        live::stop();
+        server.stop();
+        fail(kStartFailed, error);
+        leave(kStartFailed);
+    }
     live::setDebug(debug || cfg.debug);
     uint32_t rv = dhcpSnoopInit();
     if (rv != DHCP_SNOOP_OK) {
@@ -177,13 +233,34 @@ int main(int argc, char** argv)
         fail(kStartFailed, error);
         leave(kStartFailed);
     }
+    // After the change of user: its threads inherit the reduced set.
+    ctl::MetricsHttp metrics;
+    if (!metricsAddress.empty()) {
+        ctl::Backend backend = liveBackend();
+        auto collect = [backend] {
+            std::vector<ctl::Binding> bindings;
+            std::string ignored;
+            backend.bindings(bindings, ignored);  // none while the module cannot answer
+            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size());
+        };
+        if (!metrics.start(metricsAddress, collect, error)) {
+            live::stop();
+            server.stop();
+            fail(kStartFailed, error);
+            leave(kStartFailed);
+        }
+    }
     std::cerr << "dhcpsnoopd: ready" << std::endl;
+    const std::string readyStatus = "switching " + std::to_string(cfg.ports.size()) + " ports";
+    svc::notifyReady(readyStatus);
 
     bool signalsLost = false;
     for (;;) {
         SignalEvent ev = readSignal(sigFd, error);
         if (ev == SignalEvent::Reload) {
-            reload(configPath, cfg);
+            svc::notifyReloading();
+            bool reloaded = reload(configPath, cfg);
+            svc::notifyReady(reloaded ? readyStatus : readyStatus + "; the last reload failed, previous configuration kept");
             continue;
         }
         if (ev == SignalEvent::Failed) {
@@ -195,6 +272,8 @@ int main(int argc, char** argv)
         break;
     }
 
+    svc::notifyStopping();
+    metrics.stop();
     server.stop();
     live::stop();
     int waited = 0;

@@ -29,24 +29,25 @@ enum Exit {
     kBadOutput = 5,
 };
 
-// Examples: $DHCPSNOOP_EXAMPLES, the source tree the tool was built from,
-// or ../share/dhcpsnoop/examples beside an installed binary.
+// Examples: $DHCPSNOOP_EXAMPLES, ../share/dhcpsnoop/examples beside an
+// installed binary, or the source tree the tool was built from. An installed
+// tool uses its own examples even where its source tree is still around.
 std::string examplesDir()
 {
     const char* env = getenv("DHCPSNOOP_EXAMPLES");
     if (env != nullptr && *env != '\0')
         return env;
-#ifdef DHCPSNOOP_EXAMPLES_DIR
-    if (fs::is_directory(DHCPSNOOP_EXAMPLES_DIR))
-        return DHCPSNOOP_EXAMPLES_DIR;
-#endif
     std::error_code ec;
     fs::path exe = fs::read_symlink("/proc/self/exe", ec);
     if (!ec) {
         fs::path p = exe.parent_path() / ".." / "share" / "dhcpsnoop" / "examples";
         if (fs::is_directory(p))
-            return p.string();
+            return p.lexically_normal().string();
     }
+#ifdef DHCPSNOOP_EXAMPLES_DIR
+    if (fs::is_directory(DHCPSNOOP_EXAMPLES_DIR))
+        return DHCPSNOOP_EXAMPLES_DIR;
+#endif
     return "examples";
 }
 

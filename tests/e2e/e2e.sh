@@ -70,6 +70,15 @@ case "$step" in
 esac
 
 skip() { echo "SKIPPED: $*"; exit $SKIP; }
+# Why a step does not run on a data plane; said before any topology is made.
+plane_skip_reason() {
+  case "$plane:$1" in
+    bridge:tagged) echo "VLAN trunk: this kernel's bridge has no VLAN filtering (and no 802.1Q module); the user data plane runs it" ;;
+    user:smuggle) echo "tag and SNAP smuggling: a rule of the bridge data plane's table (the user data plane's frame path is hardened apart)" ;;
+    user:tcp) echo "TCP with default offloads: the user data plane carries it once it takes super-frames (its own branch)" ;;
+  esac
+}
+[ "$step" != all ] && [ -n "$(plane_skip_reason "$step")" ] && skip "$(plane_skip_reason "$step")"
 [ "$(id -u)" -eq 0 ] || skip "needs root (network namespaces, veth pairs, raw sockets)"
 missing=()
 for prog in ip dnsmasq busybox dhclient tcpdump ethtool ping python3 timeout iperf3 nft; do
@@ -489,10 +498,7 @@ dhcp_vlan() { "${tool[@]}" pcap-dhcp-vlan "$work/$1" "${@:2}"; }
 xid_count() { "${tool[@]}" pcap-count-xid "$work/$1" "$2"; }
 
 step_tagged() {
-  if [ "$plane" = bridge ]; then
-    echo "  skip  VLAN trunk: this kernel's bridge has no VLAN filtering (and no 802.1Q module); the user data plane runs it"
-    return 0
-  fi
+  if [ -n "$(plane_skip_reason tagged)" ]; then echo "  skip  $(plane_skip_reason tagged)"; return 0; fi
   local rid=${switch_mac//:/}
   # A DISCOVER tagged with VLAN 10 on the trunk: snooped in VLAN 10, it
   # reaches the server untagged with the trunk's circuit ID, and the OFFER
@@ -592,10 +598,7 @@ no_table() { ! has_table; }
 set_holds() { in_ns "$ns_sw" nft list set bridge dhcpsnoopd bound | grep -qi -- "$1"; }
 
 step_smuggle() {
-  if [ "$plane" = user ]; then
-    echo "  skip  tag and SNAP smuggling: a rule of the bridge data plane's table (the user data plane's frame path is hardened apart)"
-    return 0
-  fi
+  if [ -n "$(plane_skip_reason smuggle)" ]; then echo "  skip  $(plane_skip_reason smuggle)"; return 0; fi
   # Client B sends from an address it was not leased, wrapped so that a
   # filter of plain IPv4 would not see it. A capture of everything the server
   # receives holds what got through.
@@ -623,10 +626,7 @@ step_smuggle() {
 # TCP through the switch with the interfaces' default offloads (GSO/TSO
 # super-frames, checksums left to the hardware).
 step_tcp() {
-  if [ "$plane" = user ]; then
-    echo "  skip  TCP with default offloads: the user data plane carries it once it takes super-frames (its own branch)"
-    return 0
-  fi
+  if [ -n "$(plane_skip_reason tcp)" ]; then echo "  skip  $(plane_skip_reason tcp)"; return 0; fi
   local n
   for n in "$ns_srv" "$ns_a"; do in_ns "$n" ethtool -K eth0 tx on >/dev/null; done
   for n in 1 3; do in_ns "$ns_sw" ethtool -K "sw$n" tx on >/dev/null; done

@@ -3,6 +3,8 @@
 // BPF program run on built frames.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "platform/linux/nft_rules.h"
 #include "platform/linux/trap_filter.h"
 #include "support/frame_builder.h"
@@ -80,8 +82,7 @@ TEST(NftRules, TableReplacesTheOldOneInOneBuffer)
 TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
 {
     std::string t = live::nft::tableText(ruleset(), {});
-    EXPECT_NE(t.find("iifname \"sw1\" jump port_p1"), std::string::npos);
-    EXPECT_NE(t.find("iifname \"sw3\" jump port_p3"), std::string::npos);
+    EXPECT_NE(t.find("iifname vmap { \"sw1\" : jump port_p1, \"sw3\" : jump port_p3 }"), std::string::npos);
     EXPECT_EQ(t.find("\"sw4\""), std::string::npos) << "a port of no snooped VLAN is left alone";
     EXPECT_EQ(count(t, "udp dport { 67, 68 } drop"), 2u) << "DHCP off the bridge on both snooped ports";
     // The trusted server's port: no guard, no counter.
@@ -90,7 +91,14 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     EXPECT_NE(t.find("ether type 8021ad counter name \"sg_p3\" drop"), std::string::npos);
     EXPECT_NE(t.find("vlan type { 8021q, 8021ad } counter name \"sg_p3\" drop"), std::string::npos);
     EXPECT_NE(t.find("@ll,160,16 { 0x0800, 0x0806 } counter name \"sg_p3\" drop"), std::string::npos);
-    EXPECT_NE(t.find("meta protocol ip iifname . ether saddr . ip saddr @bound accept"), std::string::npos);
+    // DHCP first, then the common case: IPv4 from a bound source.
+    size_t chain = t.find("chain port_p3 {\n");
+    ASSERT_NE(chain, std::string::npos);
+    EXPECT_EQ(t.find("\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n", chain),
+              chain + strlen("chain port_p3 {\n"));
+    size_t bound = t.find("meta protocol ip iifname . ether saddr . ip saddr @bound accept", chain);
+    ASSERT_NE(bound, std::string::npos);
+    EXPECT_LT(bound, t.find("ether type 8021ad", chain));
     EXPECT_NE(t.find("meta protocol arp iifname . arp saddr ether . arp saddr ip @bound accept"),
               std::string::npos);
     EXPECT_EQ(t.find("chain output"), std::string::npos) << "no host port";

@@ -8,7 +8,8 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 scripts/deps.sh cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchmark-dev \
   g++-mips-linux-gnu qemu-user libpcap-dev libtomlplusplus-dev libcli11-dev \
-  dnsmasq-base busybox isc-dhcp-client tcpdump iproute2 ethtool iputils-ping python3
+  dnsmasq-base busybox isc-dhcp-client tcpdump iproute2 ethtool iputils-ping python3 \
+  libnftables-dev libmnl-dev pkg-config nftables iperf3
 # The end-to-end tests (label e2e, native suite only) run real DHCP programs
 # in network namespaces; here a missing program fails them instead of
 # skipping them. Without root they still skip.

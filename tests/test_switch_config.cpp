@@ -98,6 +98,16 @@ TEST(SwitchConfig, ReadsEveryKey)
     EXPECT_EQ(c.port("1/0/2"), nullptr);
 }
 
+TEST(SwitchConfig, DataPlaneAndBridge)
+{
+    swcfg::SwitchConfig u = parseOk("[switch]\ndataplane = \"user\"\nbridge = \"br-lan\"\n");
+    EXPECT_EQ(u.dataplane, swcfg::SwitchConfig::Dataplane::User);
+    EXPECT_EQ(u.bridge, "br-lan");
+    swcfg::SwitchConfig b = parseOk("[switch]\ndataplane = \"bridge\"\n");
+    EXPECT_EQ(b.dataplane, swcfg::SwitchConfig::Dataplane::Bridge);
+    EXPECT_TRUE(b.bridge.empty());
+}
+
 TEST(SwitchConfig, Defaults)
 {
     swcfg::SwitchConfig c = parseOk("[[port]]\nname = \"1/0/2\"\nvlan = 1\n");
@@ -110,6 +120,8 @@ TEST(SwitchConfig, Defaults)
     EXPECT_FALSE(c.dropIpv6);
     EXPECT_FALSE(c.debug);
     EXPECT_EQ(c.debugLevel, 0u);
+    EXPECT_EQ(c.dataplane, swcfg::SwitchConfig::Dataplane::Bridge);
+    EXPECT_TRUE(c.bridge.empty());
     ASSERT_EQ(c.ports.size(), 1u);
     const swcfg::PortConfig& p = c.ports[0];
     EXPECT_FALSE(p.trust);
@@ -185,6 +197,12 @@ TEST(SwitchConfig, BadFilesAreRefusedNamingKeyAndLine)
          "sw.toml:4: port.decline_rate: 1000 is out of range 0..255"},
         {"debug_level 4", "[switch]\ndebug_level = 4\n", "sw.toml:2: switch.debug_level: 4 is out of range 0..3"},
         {"unit 0", "[switch]\nunit = 0\n", "sw.toml:2: switch.unit: 0 is out of range 1..8"},
+        {"bad dataplane", "[switch]\ndataplane = \"kernel\"\n",
+         "sw.toml:2: switch.dataplane: \"kernel\" is not a data plane (\"bridge\" or \"user\")"},
+        {"empty bridge", "[switch]\nbridge = \"\"\n",
+         "sw.toml:2: switch.bridge: \"\" is not an interface name (1 to 15 characters)"},
+        {"long bridge", "[switch]\nbridge = \"bridge-name-is-16\"\n",
+         "sw.toml:2: switch.bridge: \"bridge-name-is-16\" is not an interface name (1 to 15 characters)"},
         {"bad policy", port + "option82_policy = \"strip\"\n",
          "sw.toml:4: port.option82_policy: \"strip\" is not one of \"keep\", \"replace\", \"drop\""},
         {"bad mac", "[switch]\nmac = \"02:00:c6:12:ff\"\n",

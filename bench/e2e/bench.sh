@@ -105,13 +105,16 @@ topology() {
   ip -n "$ns_srv" addr add 198.18.0.1/15 dev eth0
   ip -n "$ns_perf" addr add 198.18.0.2/15 dev eth0
 
-  if [ "$mode" = bridge ]; then
-    ip -n "$ns_sw" link add br0 type bridge stp_state 0
-    for n in 1 2 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
-    ip -n "$ns_sw" link set br0 up
-  else
+  # The daemon runs on the same bridge (its default data plane): it traps
+  # DHCP, the kernel switches the rest.
+  ip -n "$ns_sw" link add br0 type bridge stp_state 0
+  for n in 1 2 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
+  ip -n "$ns_sw" link set br0 up
+  if [ "$mode" != bridge ]; then
     cat >"$work/switch.toml" <<'EOF'
 [switch]
+dataplane = "bridge"
+bridge = "br0"
 unit = 1
 mac = "02:00:c6:12:ff:01"
 snooping_vlans = [10]

@@ -25,6 +25,9 @@
 #include <vector>
 
 #include "platform/linux/live_internal.h"
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+#include "platform/linux/bridge.h"
+#endif
 
 namespace live {
 namespace {
@@ -414,6 +417,14 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
             return false;
         }
     }
+    if (cfg.dataplane == swcfg::SwitchConfig::Dataplane::Bridge) {
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+        return bridge::start(cfg, opt, error);
+#else
+        error = "this build has no bridge data plane (no libnftables/libmnl): set [switch] dataplane = \"user\"";
+        return false;
+#endif
+    }
     closeAll(p);
     core::tearDown();
     p.count = cfg.ports.size();
@@ -445,6 +456,10 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
 
 bool run(std::string& error)
 {
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+    if (bridge::active())
+        return bridge::run(error);
+#endif
     Ports& p = ports();
     std::lock_guard<std::mutex> g(p.lock);
     if (p.running) {
@@ -483,6 +498,12 @@ bool run(std::string& error)
 
 void stop()
 {
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+    if (bridge::active()) {
+        bridge::stop();
+        return;
+    }
+#endif
     Ports& p = ports();
     std::lock_guard<std::mutex> g(p.lock);
     p.stopping.store(true);
@@ -495,6 +516,14 @@ void stop()
 
 bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
 {
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+    if (bridge::active())
+        return bridge::reconfigure(cfg, error);
+#endif
+    if (cfg.dataplane != swcfg::SwitchConfig::Dataplane::User) {
+        error = "the data plane cannot change while running";
+        return false;
+    }
     return core::reconfigure(cfg, error);
 }
 
@@ -508,7 +537,15 @@ bool saveIdle()
            (!saveStatus().saving || runtime::queueIdle(DHCP_SNOOP_SAVE_QUEUE_NAME));
 }
 
-std::vector<PortCounters> counters() { return core::counters(); }
+std::vector<PortCounters> counters()
+{
+    std::vector<PortCounters> c = core::counters();
+#ifdef DHCPSNOOP_BRIDGE_DATAPLANE
+    if (bridge::active())
+        bridge::addCounters(c);
+#endif
+    return c;
+}
 
 Latency latency(bool clear) { return core::latency(clear); }
 

@@ -61,6 +61,16 @@ std::string sendFailure(int err);
 // Removes the FDB entries not seen for the aging time.
 void ageFdb();
 
+// The bridge data plane (bridge.cpp): the kernel switches, its FDB answers
+// the look-ups (port: index into cfg.ports), and every source-guard change
+// is passed on to its filters. Set after setUp; tearDown forgets them.
+using FdbLookup = std::function<bool(const uint8_t* mac, uint16_t vid, size_t* port)>;
+using GuardChange = std::function<void(const SwQTableEntry& entry, bool added)>;
+void setKernelPath(FdbLookup fdb, GuardChange guard);
+// A frame of a trap socket: VLAN admission and the trap, nothing switched
+// and nothing learned. Frames that are not DHCP are left alone.
+void trapOnly(size_t port, uint8_t* frame, size_t len, int32_t vlanTci);
+
 // The port index of a configured port's handle; (size_t)-1 when none.
 size_t portIndex(up handle);
 bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error);

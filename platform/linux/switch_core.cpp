@@ -156,6 +156,9 @@ struct Core {
     live::trap::Admission admission;
     // Trap to first transmission of the frames the module sent on.
     live::LatencyHistogram latency;
+    // The bridge data plane's, when it runs.
+    FdbLookup kernelFdb;
+    GuardChange guardChange;
 };
 
 // The unit and the number of ports and port channels, one word for the
@@ -580,7 +583,14 @@ void flood(Core& c, uint16_t vid, const PortList* except, size_t exceptPort, Egr
 // Unicast by the FDB, else flooded in the VLAN; never back out of rx.
 void l2Egress(Core& c, const uint8_t* dst, uint16_t vid, size_t rx, Egress& out)
 {
-    if ((dst[0] & 1u) == 0) {
+    if ((dst[0] & 1u) == 0 && c.kernelFdb) {
+        size_t p;
+        if (c.kernelFdb(dst, vid, &p)) {
+            if (p != rx && p < c.ports.size() && c.ports[p].cfg.carries(vid))
+                out.add(c, p, vid);
+            return;
+        }
+    } else if ((dst[0] & 1u) == 0) {
         int32_t i = fdbFind(c, dst, vid);
         if (i != kNone) {
             size_t p = c.fdb[(size_t)i].port;
@@ -879,6 +889,8 @@ void tearDown()
     c.records.clear();
     c.admission.setUp(0, live::trap::Limits());
     c.tx.reset();
+    c.kernelFdb = nullptr;
+    c.guardChange = nullptr;
     c.cfg = swcfg::SwitchConfig();
     std::fill(c.snoopVlan.begin(), c.snoopVlan.end(), false);
 }
@@ -1179,6 +1191,50 @@ size_t fdbLongestChain()
     return longest;
 }
 
+void setKernelPath(FdbLookup fdb, GuardChange guard)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    c.kernelFdb = std::move(fdb);
+    c.guardChange = std::move(guard);
+}
+
+void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
+{
+    Core& c = core();
+    uint8_t* f = frame;
+    uint16_t vid = 0;
+    {
+        Guard g(c.lock);
+        if (!c.up || rx >= c.ports.size() || !frame)
+            return;
+        PortState& p = c.ports[rx];
+        ++p.counters.rxFrames;
+        if (len < 14)
+            return;
+        bool tagged = false;
+        if (vlanTci >= 0) {
+            tagged = true;
+            vid = (uint16_t)(vlanTci & 0x0FFF);
+        } else if (len >= 18 && rd16(f + 12) == kTpid) {
+            tagged = true;
+            vid = rd16(f + 14) & 0x0FFF;
+            memmove(f + 4, f, 12);
+            f += 4;
+            len -= 4;
+        }
+        if (!tagged || vid == 0)
+            vid = p.cfg.vlan;
+        if (!isDhcp(f, len))
+            return;
+        if (vid == 0 || !p.cfg.carries(vid)) {
+            ++p.counters.dropped["VLAN " + std::to_string(vid) + " not carried by the port"];
+            return;
+        }
+    }
+    trap(c, rx, f, len, vid);
+}
+
 }  // namespace core
 }  // namespace live
 
@@ -1339,6 +1395,14 @@ uint32_t swFdbGetEntry(FdbEntry* entry)
     Guard g(c.lock);
     if (!c.up || entry->vlan > 0xFFFu)
         return 1;
+    if (c.kernelFdb) {
+        size_t p;
+        if (!c.kernelFdb(entry->mac, (uint16_t)entry->vlan, &p) || p >= c.ports.size())
+            return 1;
+        entry->port = c.ports[p].cfg.handle;
+        entry->word = 0;
+        return 0;
+    }
     int32_t i = live::core::fdbFind(c, entry->mac, (uint16_t)entry->vlan);
     if (i == live::core::kNone)
         return 1;
@@ -1489,10 +1553,19 @@ uint32_t swQTableDel(uint32_t unit, uint32_t index, uint32_t found)
 {
     (void)unit;
     auto& c = core();
-    Guard g(c.lock);
-    if (!found || index >= c.qtable.size() || !c.qtable[index].used)
-        return 1;
-    live::core::qUnlink(c, (int32_t)index);
+    live::core::GuardChange change;
+    SwQTableEntry gone;
+    {
+        Guard g(c.lock);
+        if (!found || index >= c.qtable.size() || !c.qtable[index].used)
+            return 1;
+        gone = c.qtable[index].e;
+        live::core::qUnlink(c, (int32_t)index);
+        change = c.guardChange;
+    }
+    // Outside the lock: the filters may take a while to change.
+    if (change)
+        change(gone, false);
     return 0;
 }
 
@@ -1502,26 +1575,33 @@ uint32_t swQTableAdd(uint32_t unit, const SwQTableEntry* entry)
     if (!entry)
         return 1;
     auto& c = core();
-    Guard g(c.lock);
-    if (c.qBuckets.empty())
-        return 1;
-    uint32_t b = live::core::ipHash(c, entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
-    for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
-        const SwQTableEntry& e = c.qtable[(size_t)i].e;
-        if (memcmp(e.ip, entry->ip, 4) == 0 && memcmp(e.mac, entry->mac, 6) == 0 &&
-            e.vlan == entry->vlan && e.port == entry->port && e.source == entry->source)
-            return QTABLE_RESULT_EXISTS;
+    live::core::GuardChange change;
+    {
+        Guard g(c.lock);
+        if (c.qBuckets.empty())
+            return 1;
+        uint32_t b = live::core::ipHash(c, entry->ip) & (uint32_t)(c.qBuckets.size() - 1);
+        for (int32_t i = c.qBuckets[b]; i != live::core::kNone; i = c.qtable[(size_t)i].next) {
+            const SwQTableEntry& e = c.qtable[(size_t)i].e;
+            if (memcmp(e.ip, entry->ip, 4) == 0 && memcmp(e.mac, entry->mac, 6) == 0 &&
+                e.vlan == entry->vlan && e.port == entry->port && e.source == entry->source)
+                return QTABLE_RESULT_EXISTS;
+        }
+        if (c.qFree == live::core::kNone)
+            return 1;  // full
+        int32_t i = c.qFree;
+        live::core::QSlot& s = c.qtable[(size_t)i];
+        c.qFree = s.next;
+        s.e = *entry;
+        s.used = true;
+        s.next = c.qBuckets[b];
+        c.qBuckets[b] = i;
+        ++c.qUsed;
+        change = c.guardChange;
     }
-    if (c.qFree == live::core::kNone)
-        return 1;  // full
-    int32_t i = c.qFree;
-    live::core::QSlot& s = c.qtable[(size_t)i];
-    c.qFree = s.next;
-    s.e = *entry;
-    s.used = true;
-    s.next = c.qBuckets[b];
-    c.qBuckets[b] = i;
-    ++c.qUsed;
+    // Outside the lock: the filters may take a while to change.
+    if (change)
+        change(*entry, true);
     return 0;
 }
 

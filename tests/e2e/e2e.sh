@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # End-to-end tests of dhcpsnoopd with real DHCP programs in network namespaces.
 #
-#   e2e.sh --daemon DHCPSNOOPD --ctl DHCPSNOOPCTL STEP
+#   e2e.sh --daemon DHCPSNOOPD --ctl DHCPSNOOPCTL [--dataplane bridge|user] STEP
 #   e2e.sh --bridge STEP
 #
 # Namespace "sw" holds the switch side of four veth pairs (sw1..sw4), the
@@ -16,6 +16,12 @@
 #          only, to prove tagging on real interfaces
 # tcpdump records the server's and each client's side.
 #
+# --dataplane bridge (the default) runs the daemon on a Linux bridge br0 of
+# sw1..sw4 (the kernel switches, the daemon traps DHCP and installs its
+# nftables table); this kernel's bridge has no VLAN filtering, so the trunk
+# 1/0/5 is left out and the VLAN step skips. --dataplane user runs the
+# daemon's own software switch on the five ports.
+#
 # --bridge puts a Linux bridge where the daemon goes. It proves the topology,
 # the programs and the captures, and every check of snooping behaviour then
 # runs as a negative control: a switch without snooping must FAIL it, so a
@@ -23,7 +29,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# flood trap-flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# smuggle tcp lifecycle flood trap-flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -36,12 +42,13 @@ here="$(cd "$(dirname "$0")" && pwd)"
 tool=(python3 "$here/e2e_tool.py")
 
 usage() { echo "usage: e2e.sh (--daemon DHCPSNOOPD --ctl DHCPSNOOPCTL | --bridge) STEP" >&2; exit 2; }
-mode="" daemon="" ctl="" step=""
+mode="" daemon="" ctl="" step="" plane=bridge
 while [ $# -gt 0 ]; do
   case "$1" in
     --daemon) [ $# -ge 2 ] || usage; daemon="$2"; mode=daemon; shift 2 ;;
     --ctl) [ $# -ge 2 ] || usage; ctl="$2"; shift 2 ;;
     --bridge) mode=bridge; shift ;;
+    --dataplane) [ $# -ge 2 ] || usage; plane="$2"; shift 2 ;;
     -*) usage ;;
     *) step="$1"; shift ;;
   esac
@@ -50,18 +57,31 @@ done
 if [ "$mode" = daemon ]; then
   [ -x "$daemon" ] && [ -x "$ctl" ] || { echo "e2e: $daemon or $ctl is not an executable" >&2; exit 1; }
 fi
-steps_all=(leases bindings binding-file option82 tagged source-guard flood trap-flood restart release control reload errors)
+case "$plane" in bridge|user) ;; *) usage ;; esac
+# The plain bridge stands for no data plane of the daemon's.
+[ "$mode" = bridge ] && plane=plain
+# smuggle runs within source-guard and lifecycle within restart (one
+# topology each); on their own they are for a run by hand.
+steps_all=(leases bindings binding-file option82 tagged source-guard tcp flood trap-flood restart release control reload errors)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|flood|trap-flood|control|reload|errors)
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|smuggle|tcp|lifecycle|flood|trap-flood|control|reload|errors)
     run_steps=("$step") ;;
   *) usage ;;
 esac
 
 skip() { echo "SKIPPED: $*"; exit $SKIP; }
+# Why a step does not run on a data plane; said before any topology is made.
+plane_skip_reason() {
+  case "$plane:$1" in
+    bridge:tagged) echo "VLAN trunk: this kernel's bridge has no VLAN filtering (and no 802.1Q module); the user data plane runs it" ;;
+    user:smuggle) echo "tag and SNAP smuggling: a rule of the bridge data plane's table; the user data plane refuses such frames in its own frame path (live_test_guard, e2e_user-dataplane)" ;;
+  esac
+}
+[ "$step" != all ] && [ "$step" != source-guard ] && [ -n "$(plane_skip_reason "$step")" ] && skip "$(plane_skip_reason "$step")"
 [ "$(id -u)" -eq 0 ] || skip "needs root (network namespaces, veth pairs, raw sockets)"
 missing=()
-for prog in ip dnsmasq busybox dhclient tcpdump ethtool ping python3 timeout; do
+for prog in ip dnsmasq busybox dhclient tcpdump ethtool ping python3 timeout iperf3 nft; do
   command -v "$prog" >/dev/null 2>&1 || missing+=("$prog")
 done
 if [ ${#missing[@]} -gt 0 ]; then
@@ -200,8 +220,12 @@ lease_ip() { awk -v m="$1" 'tolower($2) == m {print $3}' "$work/server.leases" 2
 ctl_cmd() { "$ctl" --control "$work/ctl.sock" "$@"; }
 
 write_config() {
+  local bridge_line=""
+  [ "$plane" = bridge ] && bridge_line='bridge = "br0"'
   cat >"$work/switch.toml" <<EOF
 [switch]
+dataplane = "$plane"
+$bridge_line
 unit = 1
 mac = "$switch_mac"
 snooping_vlans = [$vlan]
@@ -237,6 +261,10 @@ vlan = $vlan
 option82 = true
 rate = 20
 interface = "sw4"
+EOF
+  # A trunk needs VLANs: the user data plane's alone here.
+  [ "$plane" = user ] || return 0
+  cat >>"$work/switch.toml" <<EOF
 
 [[port]]
 name = "1/0/5"
@@ -313,11 +341,14 @@ topology_up() {
   ip -n "$ns_srv" addr add "$ip_srv/24" dev eth0
   ip -n "$ns_rogue" addr add "$ip_rogue/24" dev eth0
 
-  if [ "$mode" = bridge ]; then
+  if [ "$mode" = bridge ] || [ "$plane" = bridge ]; then
     ip -n "$ns_sw" link add br0 type bridge stp_state 0
-    for n in 1 2 3 4 5; do ip -n "$ns_sw" link set "sw$n" master br0; done
+    local members="1 2 3 4 5"
+    [ "$plane" = bridge ] && members="1 2 3 4"
+    for n in $members; do ip -n "$ns_sw" link set "sw$n" master br0; done
     ip -n "$ns_sw" link set br0 up
-  else
+  fi
+  if [ "$mode" = daemon ]; then
     write_config
     daemon_start
   fi
@@ -471,6 +502,7 @@ dhcp_vlan() { "${tool[@]}" pcap-dhcp-vlan "$work/$1" "${@:2}"; }
 xid_count() { "${tool[@]}" pcap-count-xid "$work/$1" "$2"; }
 
 step_tagged() {
+  if [ -n "$(plane_skip_reason tagged)" ]; then echo "  skip  $(plane_skip_reason tagged)"; return 0; fi
   local rid=${switch_mac//:/}
   # A DISCOVER tagged with VLAN 10 on the trunk: snooped in VLAN 10, it
   # reaches the server untagged with the trunk's circuit ID, and the OFFER
@@ -517,10 +549,13 @@ step_restart() {
   daemon_stop
   check "dhcpsnoopd exits 0 on SIGTERM" same "$daemon_status" 0
   check "dhcpsnoopd removed its control socket" test ! -e "$work/ctl.sock"
+  [ "$plane" = bridge ] && check "and its nftables table" no_table
   daemon_start
   check "the restarted daemon holds both bindings again" until_ok 5 bindings_match "$mac_a=1/0/3" "$mac_b=1/0/4"
   # ip_filter is on: the ping passes only with the reloaded source-guard entry.
   check "client B pings the server through the restarted daemon" ping_from "$ns_b" 3
+  echo "-- step lifecycle (within restart)"
+  step_lifecycle
 }
 
 counter() { ctl_cmd counters --json >"$work/counters.json" && "${tool[@]}" counter "$work/counters.json" "$@"; }
@@ -561,7 +596,98 @@ step_source_guard() {
   in_ns "$ns_b" ip addr add "$ip_b/24" dev eth0
   in_ns "$ns_b" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
   check "back on its leased address, client B pings the server again" ping_from "$ns_b" 3
+  echo "-- step smuggle (within source-guard)"
+  step_smuggle
 }
+
+# The daemon's nftables table in the switch namespace.
+has_table() { in_ns "$ns_sw" nft list table bridge dhcpsnoopd >/dev/null 2>&1; }
+no_table() { ! has_table; }
+set_holds() { in_ns "$ns_sw" nft list set bridge dhcpsnoopd bound | grep -qi -- "$1"; }
+
+step_smuggle() {
+  if [ -n "$(plane_skip_reason smuggle)" ]; then echo "  skip  $(plane_skip_reason smuggle)"; return 0; fi
+  # Client B sends from an address it was not leased, wrapped so that a
+  # filter of plain IPv4 would not see it. A capture of everything the server
+  # receives holds what got through.
+  ip netns exec "$ns_srv" tcpdump -n -U --immediate-mode -Z root -i eth0 -w "$work/smuggle.pcap" \
+    2>"$work/smuggle.pcap.log" &
+  pids+=($!)
+  wait_for 10 grep -q 'listening on' "$work/smuggle.pcap.log" || fatal "tcpdump (smuggle) did not start"
+  local before=0 kind marker
+  [ "$mode" = daemon ] && before=$(counter 1/0/4 source_guard_dropped)
+  for kind in qinq ad snap; do
+    marker=$(printf 'smuggle-%s' "$kind" | od -An -tx1 | tr -d ' \n')
+    in_ns "$ns_b" "${tool[@]}" spoof eth0 "$mac_b" "$mac_srv" "$ip_unleased" "$ip_srv" "$kind" "$marker"
+  done
+  sleep 0.5
+  for kind in qinq ad snap; do
+    marker=$(printf 'smuggle-%s' "$kind" | od -An -tx1 | tr -d ' \n')
+    snoop_check "a $kind-wrapped IPv4 frame from an unbound source does not reach the server" \
+      same "$("${tool[@]}" pcap-count-marker "$work/smuggle.pcap" "$marker")" 0
+  done
+  [ "$mode" = daemon ] && check "port 1/0/4 counts them as source_guard_dropped" \
+    at_least "$(counter 1/0/4 source_guard_dropped)" $((before + 9))
+  return 0
+}
+
+# TCP through the switch with the interfaces' default offloads (GSO/TSO
+# super-frames, checksums left to the hardware).
+step_tcp() {
+  if [ -n "$(plane_skip_reason tcp)" ]; then echo "  skip  $(plane_skip_reason tcp)"; return 0; fi
+  local n
+  for n in "$ns_srv" "$ns_a"; do in_ns "$n" ethtool -K eth0 tx on >/dev/null; done
+  for n in 1 3; do in_ns "$ns_sw" ethtool -K "sw$n" tx on >/dev/null; done
+  ip netns exec "$ns_srv" iperf3 -s -1 -B "$ip_srv" >"$work/iperf3-server.log" 2>&1 &
+  pids+=($!)
+  wait_for 5 in_ns "$ns_srv" sh -c "ss -ltn | grep -q ':5201'"
+  local out
+  out=$(timeout 30 ip netns exec "$ns_a" iperf3 -c "$ip_srv" -n 50M -f m 2>&1)
+  echo "$out" >"$work/iperf3-client.log"
+  check "client A sends 50 MB over TCP to the server with default offloads" \
+    grep -qE 'receiver' <<<"$out"
+  echo "  info  $(grep -E 'receiver' <<<"$out" | awk '{print $7, $8}') (TCP, client A to the server)"
+  for n in "$ns_srv" "$ns_a"; do in_ns "$n" ethtool -K eth0 tx off >/dev/null; done
+  for n in 1 3; do in_ns "$ns_sw" ethtool -K "sw$n" tx off >/dev/null; done
+}
+
+daemon_kill9() {
+  kill -KILL "$daemon_pid" 2>/dev/null
+  wait "$daemon_pid" 2>/dev/null
+  local p kept=()
+  for p in "${pids[@]}"; do [ "$p" = "$daemon_pid" ] || kept+=("$p"); done
+  pids=("${kept[@]}")
+}
+
+# What a killed daemon leaves: fail-closed. Its table stays in the kernel,
+# so DHCP stays trapped (nobody answers it) and only the bound sources pass;
+# the next start replaces the table.
+step_lifecycle() {
+  daemon_only "kill -9 and a restart" || return 0
+  in_ns "$ns_b" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
+  in_ns "$ns_srv" ip neigh replace "$ip_b" lladdr "$mac_b" nud permanent dev eth0
+  if [ "$plane" = bridge ]; then
+    check "table bridge dhcpsnoopd is there while the daemon runs" has_table
+    check "its set holds client B's binding" until_ok 5 set_holds "$mac_b"
+  fi
+  check "client B is bound before the kill" until_ok 5 bindings_match "$mac_b=1/0/4"
+  daemon_kill9
+  if [ "$plane" = bridge ]; then
+    check "after kill -9 the table stays" has_table
+    check "client B, bound, still pings the server" ping_from "$ns_b" 3
+  else
+    check "after kill -9 nothing is switched: client B cannot ping" no_ping_from "$ns_b" 2
+  fi
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 1 10 9d01 >/dev/null
+  sleep 1
+  check "a DISCOVER sent while the daemon is down does not reach the server" same "$(xid_count server.pcap 9d01)" 0
+  daemon_start
+  [ "$plane" = bridge ] && check "the restarted daemon's table holds client B's binding again" until_ok 5 set_holds "$mac_b"
+  check "client B pings the server through the restarted daemon" ping_from "$ns_b" 3
+  in_ns "$ns_a" "${tool[@]}" flood eth0 "$mac_a" 1 10 9d02 >/dev/null
+  check "a DISCOVER after the restart is snooped and reaches the server" until_ok 5 same_xid 9d02 1
+}
+same_xid() { same "$(xid_count server.pcap "$1")" "$2"; }
 
 no_sanitizer_report() { ! grep -E 'ERROR: (Address|Leak|Thread)Sanitizer|runtime error:' "$work/daemon.log"; }
 no_neigh() { ! ip -n "$1" neigh show "$2" dev eth0 | grep -q lladdr; }
@@ -752,6 +878,14 @@ step_errors() {
   check "a missing interface: exit 2, named" \
     fails_with 2 'interface nosuch4 of port 1/0/4' in_ns "$ns_sw" "$daemon" --config "$d/missing.toml" \
     --data-dir "$d/data" --control "$d/missing.sock"
+  if [ "$plane" = bridge ]; then
+    # sw5 is in the switch namespace but not in br0.
+    { cat "$work/switch.toml"; printf '\n[[port]]\nname = "1/0/5"\nvlan = %s\ninterface = "sw5"\n' $vlan; } >"$d/outside.toml"
+    check "a port whose interface is not a member of the bridge: exit 2, named" \
+      fails_with 2 'port 1/0/5: interface sw5 is not a member of bridge br0' in_ns "$ns_sw" "$daemon" \
+      --config "$d/outside.toml" --data-dir "$d/data" --control "$d/outside.sock"
+    check "the running daemon's table is untouched" has_table
+  fi
   printf '[switch]\nunit = 1\n[[port]]\nname = "1/0/99"\n' >"$d/bad.toml"
   check "a bad configuration: exit 1, file and line named" \
     fails_with 1 "$d/bad.toml:" "$daemon" --config "$d/bad.toml" --data-dir "$d/data" --control "$d/bad.sock"
@@ -771,7 +905,7 @@ step_errors() {
   check "the running daemon is untouched" ctl_cmd bindings
 }
 
-echo "== e2e ($mode): ${run_steps[*]}"
+echo "== e2e ($mode, data plane $plane): ${run_steps[*]}"
 current_step=setup
 topology_up
 for s in "${run_steps[@]}"; do
@@ -784,5 +918,6 @@ if [ "$mode" = daemon ]; then
   daemon_stop
   check "dhcpsnoopd exits 0 on SIGTERM at the end" same "$daemon_status" 0
   check "the daemon wrote no sanitizer report" no_sanitizer_report
+  [ "$plane" = bridge ] && check "its nftables table is gone after SIGTERM" no_table
 fi
 finish

@@ -481,7 +481,50 @@ def cmd_flood(args):
     return 0
 
 
+def ip_of(text):
+    return bytes(int(x) for x in text.split("."))
+
+
+def cmd_spoof(args):
+    """spoof IFACE SRC_MAC DST_MAC SRC_IP DST_IP KIND MARKER_HEX: sends one
+    IPv4 UDP frame (port 9, payload MARKER) wrapped so that it might slip
+    past a filter of IPv4: KIND qinq (802.1Q in 802.1Q, VLAN 10 twice), ad
+    (an 802.1ad outer tag, VLAN 10) or snap (802.3 with SNAP)."""
+    iface, src, dst = args[0], mac_bytes(args[1]), mac_bytes(args[2])
+    sip, dip, kind, marker = ip_of(args[3]), ip_of(args[4]), args[5], bytes.fromhex(args[6])
+    udp_len = 8 + len(marker)
+    pseudo = sip + dip + struct.pack("!BBH", 0, 17, udp_len)
+    udp = struct.pack("!HHHH", 40000, 9, udp_len, 0) + marker
+    udp = udp[:6] + struct.pack("!H", checksum(pseudo + udp) or 0xFFFF) + udp[8:]
+    ip = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + udp_len, 0, 0, 64, 17, 0, sip, dip)
+    ip = ip[:10] + struct.pack("!H", checksum(ip)) + ip[12:]
+    if kind == "qinq":
+        frame = dst + src + struct.pack("!HHHH", 0x8100, 10, 0x8100, 10) + b"\x08\x00" + ip + udp
+    elif kind == "ad":
+        frame = dst + src + struct.pack("!HH", 0x88A8, 10) + b"\x08\x00" + ip + udp
+    elif kind == "snap":
+        llc = b"\xaa\xaa\x03\x00\x00\x00\x08\x00" + ip + udp
+        frame = dst + src + struct.pack("!H", len(llc)) + llc
+    else:
+        die("spoof: KIND is qinq, ad or snap")
+    s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    s.bind((iface, 0))
+    for _ in range(3):
+        s.send(frame)
+        time.sleep(0.05)
+    return 0
+
+
+def cmd_count_marker(args):
+    """pcap-count-marker PCAP MARKER_HEX: frames holding the bytes anywhere."""
+    marker = bytes.fromhex(args[1])
+    print(sum(1 for f in read_pcap(args[0]) if marker in f))
+    return 0
+
+
 COMMANDS = {
+    "spoof": (cmd_spoof, 7),
+    "pcap-count-marker": (cmd_count_marker, 2),
     "pcap-opt82": (cmd_opt82, 3),
     "pcap-no-opt82": (cmd_no_opt82, 1),
     "pcap-replies-opt82": (cmd_replies_with_opt82, 1),

@@ -11,6 +11,7 @@ namespace {
 const char* kConfig = R"(
 [switch]
 snooping_vlans = [10]
+dataplane = "user"
 
 [[port]]
 name = "1/0/1"

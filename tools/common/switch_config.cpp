@@ -303,7 +303,7 @@ void parseSwitch(Checker& c, const toml::table& t, uint32_t tableLine, SwitchCon
     const std::string p = "switch.";
     c.onlyKeys(t, p,
                {"unit", "mac", "snooping_vlans", "table_updates", "ip_filter", "arp_defend",
-                "drop_ipv6", "debug", "debug_level"});
+                "drop_ipv6", "debug", "debug_level", "dataplane", "bridge"});
     int64_t v;
     // One unit of a stack: unit numbers are 1 to 8.
     if (c.getInt(t, p, "unit", 1, 8, &v))
@@ -327,6 +327,19 @@ void parseSwitch(Checker& c, const toml::table& t, uint32_t tableLine, SwitchCon
     c.getBool(t, p, "debug", &cfg.debug);
     if (c.getInt(t, p, "debug_level", 0, 3, &v))
         cfg.debugLevel = (uint32_t)v;
+    std::string plane;
+    if (c.getString(t, p, "dataplane", &plane)) {
+        if (plane == "bridge")
+            cfg.dataplane = SwitchConfig::Dataplane::Bridge;
+        else if (plane == "user")
+            cfg.dataplane = SwitchConfig::Dataplane::User;
+        else
+            c.fail(Checker::lineOf(*t.get("dataplane")), p + "dataplane",
+                   "\"" + plane + "\" is not a data plane (\"bridge\" or \"user\")");
+    }
+    if (c.getString(t, p, "bridge", &cfg.bridge) && (cfg.bridge.empty() || cfg.bridge.size() >= 16))
+        c.fail(Checker::lineOf(*t.get("bridge")), p + "bridge",
+               "\"" + cfg.bridge + "\" is not an interface name (1 to 15 characters)");
     (void)tableLine;
 }
 

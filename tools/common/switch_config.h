@@ -54,6 +54,11 @@ struct SwitchConfig {
     bool dropIpv6 = false;       // IPv6 from untrusted ports of snooped VLANs (live only)
     bool debug = false;
     uint32_t debugLevel = 0;
+    // Live daemon only: who switches the frames. The kernel's bridge (the
+    // daemon traps DHCP and installs filters) or the daemon itself.
+    enum class Dataplane { Bridge, User };
+    Dataplane dataplane = Dataplane::Bridge;
+    std::string bridge;          // empty: the bridge the ports are members of
     std::vector<PortConfig> ports;
 
     const PortConfig* port(up handle) const;  // nullptr when not configured

@@ -1,0 +1,230 @@
+#!/usr/bin/env bash
+# Ordinary traffic through the switch: iperf3 TCP (the interfaces' default
+# offloads) and 64-byte UDP datagrams delivered per second between two
+# clients, through
+#   (a) a plain Linux bridge,
+#   (b) the same bridge with dhcpsnoopd in bridge mode, ip_filter and
+#       arp_defend on and about 1,000 bindings installed,
+#   (c) dhcpsnoopd's user data plane, same configuration,
+# side by side in one run, with (b) and (c) as ratios of (a).
+#
+#   sudo bench/e2e/dataplane.sh [--daemon DHCPSNOOPD [--ctl DHCPSNOOPCTL]] [--seconds N]
+#
+# Without --daemon it builds an optimised dhcpsnoopd in build/bench-live.
+# Namespaces: "sw" holds the switch side of four veth pairs: 1/0/1 the DHCP
+# server (trusted), 1/0/2 and 1/0/3 the two clients (untrusted; they take
+# their addresses by DHCP, so the daemon binds them), 1/0/4 many clients
+# of bind_many.py (untrusted), which make the other bindings. Addresses of 198.18.0.0/15.
+set -euo pipefail
+
+here="$(cd "$(dirname "$0")" && pwd)"
+top="$(cd "$here/../.." && pwd)"
+daemon="" ctl="" seconds=5 bindings=1000
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --daemon) daemon="$2"; shift 2 ;;
+    --ctl) ctl="$2"; shift 2 ;;
+    --seconds) seconds="$2"; shift 2 ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "dataplane.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+if [ "$(id -u)" -ne 0 ]; then
+  echo "dataplane.sh: must run as root (network namespaces)" >&2
+  exit 1
+fi
+
+"$top/scripts/deps.sh" dnsmasq-base iproute2 ethtool iperf3 busybox python3
+
+if [ -z "$daemon" ]; then
+  "$top/scripts/deps.sh" cmake ninja-build g++ libtomlplusplus-dev libcli11-dev libpcap-dev \
+    libnftables-dev libmnl-dev pkg-config
+  echo "== configuring a Release build (build/bench-live)"
+  cmake -G Ninja -S "$top" -B "$top/build/bench-live" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DDHCPSNOOP_TESTS=OFF >/dev/null
+  echo "== building dhcpsnoopd and dhcpsnoopctl"
+  ninja -C "$top/build/bench-live" -j 2 dhcpsnoopd dhcpsnoopctl >/dev/null
+  daemon="$(find "$top/build/bench-live" -type f -name dhcpsnoopd -perm -u+x | head -n 1)"
+fi
+if [ -z "$ctl" ]; then
+  for c in "$(dirname "$daemon")/dhcpsnoopctl" "$(dirname "$daemon")/../ctl/dhcpsnoopctl"; do
+    [ -x "$c" ] && { ctl="$c"; break; }
+  done
+fi
+[ -x "$daemon" ] && [ -x "$ctl" ] || { echo "dataplane.sh: no dhcpsnoopd/dhcpsnoopctl" >&2; exit 1; }
+
+tag="dsd$$"
+ns_sw="$tag-sw" ns_srv="$tag-srv" ns_c1="$tag-c1" ns_c2="$tag-c2" ns_perf="$tag-perf"
+all_ns=("$ns_srv" "$ns_c1" "$ns_c2" "$ns_perf" "$ns_sw")
+work="$(mktemp -d /tmp/dhcpsnoop-dataplane-XXXXXX)"
+chmod 755 "$work"
+pids=()
+daemon_pid=""
+
+stop_all() {
+  local p n
+  for p in "${pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done
+  for p in "${pids[@]}"; do timeout 15 tail --pid="$p" -f /dev/null 2>/dev/null || kill -KILL "$p" 2>/dev/null || true; done
+  pids=()
+  for n in "${all_ns[@]}"; do
+    for p in $(ip netns pids "$n" 2>/dev/null); do kill -KILL "$p" 2>/dev/null || true; done
+    ip netns del "$n" 2>/dev/null || true
+  done
+}
+cleanup() { set +e; stop_all; rm -rf "$work"; }
+trap cleanup EXIT
+trap 'exit 1' INT TERM
+
+cat >"$work/udhcpc.sh" <<'EOF'
+#!/bin/sh
+case "$1" in
+  bound|renew) ip -4 addr flush dev "$interface"; ip addr add "$ip/${mask:-24}" dev "$interface" ;;
+esac
+exit 0
+EOF
+chmod +x "$work/udhcpc.sh"
+
+# topology SWITCH: plain, bridge or user.
+topology() {
+  local sw=$1 n ns nss=("$ns_srv" "$ns_c1" "$ns_c2" "$ns_perf")
+  ip netns add "$ns_sw"
+  ip netns exec "$ns_sw" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+  for n in 1 2 3 4; do
+    ns=${nss[$((n - 1))]}
+    ip netns add "$ns"
+    ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+    ip link add "sw$n" netns "$ns_sw" type veth peer name eth0 netns "$ns"
+    ip -n "$ns" link set eth0 address "02:00:c6:12:02:0$n"
+    ip -n "$ns" link set lo up
+    ip -n "$ns" link set eth0 up
+    ip -n "$ns_sw" link set "sw$n" up
+  done
+  ip -n "$ns_srv" addr add 198.18.0.1/15 dev eth0
+  if [ "$sw" != user ]; then
+    ip -n "$ns_sw" link add br0 type bridge stp_state 0
+    for n in 1 2 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
+    ip -n "$ns_sw" link set br0 up
+  fi
+  if [ "$sw" != plain ]; then
+    cat >"$work/switch.toml" <<EOF
+[switch]
+dataplane = "$sw"
+unit = 1
+mac = "02:00:c6:12:ff:01"
+snooping_vlans = [10]
+ip_filter = true
+arp_defend = true
+
+[[port]]
+name = "1/0/1"
+vlan = 10
+trust = true
+interface = "sw1"
+
+[[port]]
+name = "1/0/2"
+vlan = 10
+interface = "sw2"
+
+[[port]]
+name = "1/0/3"
+vlan = 10
+interface = "sw3"
+
+[[port]]
+name = "1/0/4"
+vlan = 10
+interface = "sw4"
+EOF
+    rm -rf "$work/data"
+    mkdir -p "$work/data"
+    ip netns exec "$ns_sw" "$daemon" --config "$work/switch.toml" --data-dir "$work/data" \
+      --control "$work/ctl.sock" >"$work/daemon-$sw.log" 2>&1 &
+    daemon_pid=$!
+    pids+=("$daemon_pid")
+    local deadline=$((SECONDS + 20))
+    until grep -q 'dhcpsnoopd: ready' "$work/daemon-$sw.log"; do
+      if ! kill -0 "$daemon_pid" 2>/dev/null || [ $SECONDS -ge $deadline ]; then
+        echo "dataplane.sh: dhcpsnoopd did not start:" >&2; cat "$work/daemon-$sw.log" >&2; exit 1
+      fi
+      sleep 0.2
+    done
+  fi
+  ip netns exec "$ns_srv" dnsmasq --no-daemon --port=0 --conf-file=/dev/null --interface=eth0 \
+    --bind-interfaces --no-ping --leasefile-ro --dhcp-lease-max=1000000 \
+    --dhcp-range=198.18.1.0,198.19.255.254,255.254.0.0,1h \
+    --dhcp-option=option:router --dhcp-option=option:dns-server 2>"$work/server-$sw.log" &
+  pids+=($!)
+  local deadline=$((SECONDS + 10))
+  until grep -qs 'DHCP, IP range' "$work/server-$sw.log"; do
+    [ $SECONDS -lt $deadline ] || { echo "dataplane.sh: dnsmasq did not start" >&2; exit 1; }
+    sleep 0.2
+  done
+  for ns in "$ns_c1" "$ns_c2"; do
+    ip netns exec "$ns" timeout 30 busybox udhcpc -q -n -f -i eth0 -s "$work/udhcpc.sh" -t 10 -T 1 \
+      >>"$work/udhcpc-$sw.log" 2>&1 || { echo "dataplane.sh: a client got no lease ($sw)" >&2; exit 1; }
+  done
+}
+
+client_ip() { ip -n "$1" -4 -o addr show dev eth0 | awk '$3 == "inet" {split($4, a, "/"); print a[1]; exit}'; }
+binding_count() { "$ctl" --control "$work/ctl.sock" bindings --json | grep -o '"mac"' | wc -l; }
+
+# The other bindings: as many clients behind 1/0/4, each with a MAC of its
+# own (perfdhcp speaks as a relay, which an untrusted port does not bind).
+more_bindings() {
+  ip netns exec "$ns_perf" timeout 90 python3 "$here/bind_many.py" eth0 "$1" >"$work/bind_many.txt" 2>&1 || true
+  sleep 1
+  binding_count
+}
+
+declare -A fig
+measure() {
+  local sw=$1 out
+  echo "== $sw: topology"
+  topology "$sw"
+  if [ "$sw" != plain ]; then
+    echo "== $sw: making the bindings"
+    fig[$sw.bindings]=$(more_bindings "$bindings")
+    echo "   $sw: ${fig[$sw.bindings]} bindings"
+  fi
+  local ip1 ip2
+  ip1=$(client_ip "$ns_c1") ip2=$(client_ip "$ns_c2")
+  ip netns exec "$ns_c2" iperf3 -s -B "$ip2" >"$work/iperf3-s-$sw.log" 2>&1 &
+  pids+=($!)
+  sleep 1
+  echo "== $sw: TCP $seconds s"
+  out=$(ip netns exec "$ns_c1" timeout $((seconds + 20)) iperf3 -c "$ip2" -t "$seconds" -J 2>&1 || true)
+  fig[$sw.tcp]=$(python3 -c 'import json,sys
+try:
+    print("%.2f" % (json.load(sys.stdin)["end"]["sum_received"]["bits_per_second"] / 1e9))
+except Exception:
+    print("0")' <<<"$out")
+  echo "== $sw: UDP 64-byte datagrams $seconds s"
+  out=$(ip netns exec "$ns_c1" timeout $((seconds + 20)) iperf3 -c "$ip2" -u -b 0 -l 64 -t "$seconds" -J 2>&1 || true)
+  fig[$sw.pps]=$(python3 -c 'import json,sys
+try:
+    s = json.load(sys.stdin)["end"]["sum"]
+    print("%d" % ((s["packets"] - s["lost_packets"]) / s["seconds"]))
+except Exception:
+    print("0")' <<<"$out")
+  if [ "$sw" != plain ]; then
+    "$ctl" --control "$work/ctl.sock" counters >"$work/counters-$sw.txt" 2>&1 || true
+  fi
+  stop_all
+}
+
+measure plain
+measure bridge
+measure user
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a + 0 > 0) printf "%.2f", b / a; else print "-" }'; }
+echo
+echo "== Ordinary traffic between two clients: plain bridge (a), dhcpsnoopd bridge mode (b), user data plane (c)"
+printf '%-34s %12s %12s %12s %8s %8s\n' "" "(a) plain" "(b) bridge" "(c) user" "(b)/(a)" "(c)/(a)"
+printf '%-34s %12s %12s %12s %8s %8s\n' "TCP, default offloads (Gbit/s)" "${fig[plain.tcp]}" "${fig[bridge.tcp]}" \
+  "${fig[user.tcp]}" "$(ratio "${fig[plain.tcp]}" "${fig[bridge.tcp]}")" "$(ratio "${fig[plain.tcp]}" "${fig[user.tcp]}")"
+printf '%-34s %12s %12s %12s %8s %8s\n' "UDP 64-byte delivered (pkt/s)" "${fig[plain.pps]}" "${fig[bridge.pps]}" \
+  "${fig[user.pps]}" "$(ratio "${fig[plain.pps]}" "${fig[bridge.pps]}")" "$(ratio "${fig[plain.pps]}" "${fig[user.pps]}")"
+echo "bindings installed: bridge mode ${fig[bridge.bindings]}, user data plane ${fig[user.bindings]}"
+echo "== dhcpsnoopctl counters, bridge mode"
+cat "$work/counters-bridge.txt"

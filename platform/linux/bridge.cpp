@@ -1,0 +1,689 @@
+// The bridge data plane (see bridge.h): trap sockets, transmission, the
+// kernel FDB and the nftables table around the live core.
+#include "platform/linux/bridge.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "platform/linux/live_internal.h"
+#include "platform/linux/nft_rules.h"
+#include "platform/linux/nft_table.h"
+#include "platform/linux/rtnl_fdb.h"
+#include "platform/linux/trap_filter.h"
+
+namespace live {
+namespace bridge {
+namespace {
+
+struct PortIo {
+    std::string name;
+    std::string ifname;
+    int ifindex = 0;
+    bool host = false;  // the bridge device itself
+    std::atomic<int> fd{-1};
+};
+
+// Source-guard changes wait here for the worker, which hands them to
+// nftables in batches: the module's task never waits for the kernel.
+struct GuardQueue {
+    std::mutex lock;
+    std::condition_variable wake;
+    std::deque<std::pair<bool, nft::Element>> pending;
+    std::map<nft::Element, uint32_t> installed;  // with the number of entries behind each
+    bool busy = false;
+    bool stopping = false;
+    uint64_t failures = 0;
+};
+
+struct State {
+    std::mutex lock;  // start, run, stop, reconfigure
+    bool active = false;
+    bool running = false;
+    swcfg::SwitchConfig cfg;
+    int bridgeIfindex = 0;
+    std::string bridgeName;
+    std::vector<std::unique_ptr<PortIo>> ports;
+    std::map<int, size_t> portOfIfindex;
+    std::map<uint32_t, std::string> ifnameOfHandle;  // fixed while running
+    std::vector<std::thread> threads;
+    std::atomic<bool> stopping{false};
+    rtnl::FdbMirror fdb;
+    nft::Runner nft;
+    GuardQueue guard;
+    std::thread guardThread;
+};
+
+State& state()
+{
+    // Never destroyed: the module's tasks may still call in at exit.
+    static State* s = new State;
+    return *s;
+}
+
+void warn(const std::string& line) { fprintf(stderr, "dhcpsnoopd: %s\n", line.c_str()); }
+
+void closeAll(State& s)
+{
+    for (auto& p : s.ports) {
+        int fd = p->fd.exchange(-1);
+        if (fd >= 0)
+            close(fd);
+    }
+}
+
+void transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid)
+{
+    State& s = state();
+    if (port >= s.ports.size() || len < 12)
+        return;
+    int fd = s.ports[port]->fd.load();
+    if (fd < 0)
+        return;
+    uint8_t tag[4] = {0x81, 0x00, (uint8_t)((tagVid >> 8) & 0x0F), (uint8_t)tagVid};
+    struct iovec iov[3];
+    size_t n = 0;
+    if (tagVid >= 0) {
+        iov[n++] = {const_cast<uint8_t*>(frame), 12};
+        iov[n++] = {tag, sizeof tag};
+        iov[n++] = {const_cast<uint8_t*>(frame + 12), len - 12};
+    } else {
+        iov[n++] = {const_cast<uint8_t*>(frame), len};
+    }
+    struct msghdr msg;
+    memset(&msg, 0, sizeof msg);
+    msg.msg_iov = iov;
+    msg.msg_iovlen = n;
+    if (sendmsg(fd, &msg, MSG_DONTWAIT) < 0) {
+        // A full interface drops the frame as a switch port's full queue
+        // would; it is said, not hidden.
+        static std::atomic<uint64_t> failed{0};
+        if (failed.fetch_add(1) % 1000 == 0)
+            warn("port " + s.ports[port]->name + ": send: " + strerror(errno));
+    }
+}
+
+uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
+
+// The host's own DHCP (the bridge device's port) leaves before its UDP
+// checksum is computed: the module's copy must carry it.
+void completeUdpChecksum(uint8_t* f, size_t len)
+{
+    size_t ip = 14;
+    if (len >= 18 && rd16(f + 12) == 0x8100)
+        ip = 18;
+    if (len < ip + 20 || rd16(f + ip - 2) != 0x0800 || (f[ip] >> 4) != 4 || f[ip + 9] != 17)
+        return;
+    size_t ihl = (size_t)(f[ip] & 0x0F) * 4;
+    size_t total = rd16(f + ip + 2);
+    if (ihl < 20 || total < ihl + 8 || ip + total > len || (rd16(f + ip + 6) & 0x3FFF) != 0)
+        return;
+    size_t l4 = ip + ihl, l4len = total - ihl;
+    f[l4 + 6] = 0;
+    f[l4 + 7] = 0;
+    uint32_t sum = 0;
+    for (size_t i = 0; i < 8; i += 2)
+        sum += rd16(f + ip + 12 + i);
+    sum += 17u + (uint32_t)l4len;
+    for (size_t i = 0; i + 1 < l4len; i += 2)
+        sum += rd16(f + l4 + i);
+    if (l4len & 1u)
+        sum += (uint32_t)f[l4 + l4len - 1] << 8;
+    while (sum >> 16)
+        sum = (sum & 0xFFFFu) + (sum >> 16);
+    uint16_t c = (uint16_t)~sum;
+    if (c == 0)
+        c = 0xFFFF;
+    f[l4 + 6] = (uint8_t)(c >> 8);
+    f[l4 + 7] = (uint8_t)c;
+}
+
+void receiveLoop(size_t port)
+{
+    State& s = state();
+    PortIo& p = *s.ports[port];
+    runtime::nameThread(("trap-" + p.ifname).substr(0, 15).c_str());
+    std::vector<uint8_t> buf(core::kPoolBufferSize + 64);
+    alignas(struct cmsghdr) uint8_t control[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+    while (!s.stopping.load()) {
+        int fd = p.fd.load();
+        if (fd < 0)
+            return;
+        struct pollfd pfd = {fd, POLLIN, 0};
+        if (poll(&pfd, 1, 200) <= 0)
+            continue;
+        for (int burst = 0; burst < 64 && !s.stopping.load(); ++burst) {
+            struct sockaddr_ll from;
+            struct iovec iov = {buf.data(), buf.size()};
+            struct msghdr msg;
+            memset(&msg, 0, sizeof msg);
+            msg.msg_name = &from;
+            msg.msg_namelen = sizeof from;
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
+            if (n <= 0)
+                break;
+            // On a member port only what arrives; on the bridge device only
+            // what the host sends (what arrives there went through the
+            // bridge, the module's own frames among them).
+            bool outgoing = from.sll_pkttype == PACKET_OUTGOING;
+            if (outgoing != p.host)
+                continue;
+            if (msg.msg_flags & MSG_TRUNC)
+                continue;  // too long for the packet pool: not a DHCP frame the module takes
+            int32_t tci = -1;
+            bool csumNotReady = false;
+            for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+                if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA)
+                    continue;
+                struct tpacket_auxdata aux;
+                memcpy(&aux, CMSG_DATA(c), sizeof aux);
+                if ((aux.tp_status & TP_STATUS_VLAN_VALID) || aux.tp_vlan_tci != 0)
+                    tci = aux.tp_vlan_tci;
+                if (aux.tp_status & TP_STATUS_CSUMNOTREADY)
+                    csumNotReady = true;
+            }
+            if (csumNotReady || p.host)
+                completeUdpChecksum(buf.data(), (size_t)n);
+            core::trapOnly(port, buf.data(), (size_t)n, tci);
+        }
+    }
+}
+
+bool openTrap(PortIo& p, std::string& error)
+{
+    std::string where = "interface " + p.ifname + " of port " + p.name + ": ";
+    // No protocol until the filter is on: no frame is queued unfiltered.
+    int s = socket(AF_PACKET, SOCK_RAW, 0);
+    if (s < 0) {
+        if (errno == EPERM || errno == EACCES)
+            error = "opening AF_PACKET sockets needs CAP_NET_RAW (run as root)";
+        else
+            error = where + "socket: " + strerror(errno);
+        return false;
+    }
+    std::vector<struct sock_filter> prog = trapfilter::program();
+    struct sock_fprog fprog;
+    fprog.len = (unsigned short)prog.size();
+    fprog.filter = prog.data();
+    int one = 1;
+    if (setsockopt(s, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog) != 0 ||
+        setsockopt(s, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) != 0) {
+        error = where + "trap filter: " + strerror(errno);
+        close(s);
+        return false;
+    }
+    if (!p.host)
+        (void)setsockopt(s, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
+    struct sockaddr_ll sll;
+    memset(&sll, 0, sizeof sll);
+    sll.sll_family = AF_PACKET;
+    sll.sll_protocol = htons(ETH_P_ALL);
+    sll.sll_ifindex = p.ifindex;
+    if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
+        error = where + "bind: " + strerror(errno);
+        close(s);
+        return false;
+    }
+    p.fd.store(s);
+    return true;
+}
+
+// ---- the table ----
+
+nft::Ruleset rulesetOf(const swcfg::SwitchConfig& cfg, const State& s)
+{
+    nft::Ruleset r;
+    r.ipFilter = cfg.ipFilter;
+    r.arpDefend = cfg.arpDefend;
+    for (size_t i = 0; i < cfg.ports.size() && i < s.ports.size(); ++i) {
+        const swcfg::PortConfig& pc = cfg.ports[i];
+        if (s.ports[i]->ifindex == 0)
+            continue;
+        nft::Port p;
+        p.index = i;
+        p.ifname = pc.interface;
+        p.trusted = pc.trust;
+        p.host = s.ports[i]->host;
+        for (uint16_t v : cfg.snoopingVlans)
+            p.snooped = p.snooped || pc.carries(v);
+        r.ports.push_back(p);
+    }
+    return r;
+}
+
+bool elementOf(const State& s, const SwQTableEntry& e, nft::Element& out)
+{
+    // The ports are fixed while running: no lock for their names.
+    auto it = s.ifnameOfHandle.find(e.port);
+    if (it == s.ifnameOfHandle.end())
+        return false;
+    out.ifname = it->second;
+    memcpy(out.mac, e.mac, 6);
+    memcpy(out.ip, e.ip, 4);
+    return true;
+}
+
+std::vector<nft::Element> installedElements(GuardQueue& q)
+{
+    std::vector<nft::Element> v;
+    for (const auto& kv : q.installed)
+        v.push_back(kv.first);
+    return v;
+}
+
+bool installTable(State& s, const swcfg::SwitchConfig& cfg, std::string& error)
+{
+    std::vector<nft::Element> elements;
+    {
+        std::lock_guard<std::mutex> g(s.guard.lock);
+        elements = installedElements(s.guard);
+    }
+    return s.nft.run(nft::tableText(rulesetOf(cfg, s), elements), nullptr, error);
+}
+
+void guardLoop()
+{
+    State& s = state();
+    runtime::nameThread("nftGuard");
+    GuardQueue& q = s.guard;
+    std::unique_lock<std::mutex> lk(q.lock);
+    for (;;) {
+        q.wake.wait(lk, [&] { return q.stopping || !q.pending.empty(); });
+        if (q.pending.empty() && q.stopping)
+            return;
+        // One transaction for everything waiting, in order; an element is
+        // added by its first entry and deleted with its last.
+        std::string text;
+        std::map<nft::Element, uint32_t> before = q.installed;
+        while (!q.pending.empty()) {
+            auto op = q.pending.front();
+            q.pending.pop_front();
+            uint32_t& n = q.installed[op.second];
+            if (op.first) {
+                if (n++ == 0)
+                    text += nft::elementsText(true, {op.second});
+            } else if (n > 0 && --n == 0) {
+                q.installed.erase(op.second);
+                text += nft::elementsText(false, {op.second});
+            } else if (n == 0) {
+                q.installed.erase(op.second);
+            }
+        }
+        if (text.empty())
+            continue;
+        q.busy = true;
+        lk.unlock();
+        std::string error;
+        bool ok = s.nft.run(text, nullptr, error);
+        if (!ok) {
+            // The table was changed under us (removed by hand?): put it back
+            // whole, with the bindings as they now are.
+            warn("source guard: " + error + "; installing the table again");
+            std::string again;
+            if (!installTable(s, s.cfg, again))
+                warn("source guard: " + again);
+        }
+        lk.lock();
+        if (!ok)
+            ++q.failures;
+        q.busy = false;
+        q.wake.notify_all();
+    }
+}
+
+void guardChange(const SwQTableEntry& e, bool added)
+{
+    State& s = state();
+    nft::Element el;
+    if (!elementOf(s, e, el))
+        return;
+    std::lock_guard<std::mutex> g(s.guard.lock);
+    if (s.guard.stopping)
+        return;
+    s.guard.pending.emplace_back(added, el);
+    s.guard.wake.notify_all();
+}
+
+bool kernelFdb(const uint8_t* mac, uint16_t vid, size_t* port)
+{
+    State& s = state();
+    int ifindex = 0;
+    // Without VLAN filtering the bridge keeps its entries without a VLAN.
+    (void)vid;
+    if (!s.fdb.lookup(mac, 0, &ifindex))
+        return false;
+    auto it = s.portOfIfindex.find(ifindex);
+    if (it == s.portOfIfindex.end())
+        return false;
+    *port = it->second;
+    return true;
+}
+
+bool sameVlans(std::vector<uint16_t> a, std::vector<uint16_t> b)
+{
+    std::sort(a.begin(), a.end());
+    std::sort(b.begin(), b.end());
+    return a == b;
+}
+
+// Every port a member of one bridge, and the VLANs as the bridge has them.
+bool checkBridge(const swcfg::SwitchConfig& cfg, State& s, rtnl::Link& br, std::string& error)
+{
+    std::string name = cfg.bridge;
+    if (name.empty()) {
+        for (const auto& pc : cfg.ports) {
+            if (pc.interface.empty())
+                continue;
+            rtnl::Link l;
+            if (!rtnl::getLink(pc.interface, l, error)) {
+                error = "port " + pc.name + ": " + error;
+                return false;
+            }
+            if (l.isBridge) {
+                name = l.name;
+                break;
+            }
+            if (l.master == 0) {
+                error = "port " + pc.name + ": interface " + pc.interface +
+                        " is not a member of a bridge (the bridge data plane needs one; "
+                        "dataplane = \"user\" switches in the daemon)";
+                return false;
+            }
+            rtnl::Link m;
+            char buf[IF_NAMESIZE + 1] = {0};
+            if (!if_indextoname((unsigned)l.master, buf)) {
+                error = "port " + pc.name + ": the master of " + pc.interface + ": " + strerror(errno);
+                return false;
+            }
+            name = buf;
+            break;
+        }
+        if (name.empty()) {
+            error = "the bridge data plane needs ports with interfaces";
+            return false;
+        }
+    }
+    if (!rtnl::getLink(name, br, error))
+        return false;
+    if (!br.isBridge) {
+        error = "interface " + name + " is not a bridge";
+        return false;
+    }
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        const swcfg::PortConfig& pc = cfg.ports[i];
+        if (pc.interface.empty())
+            continue;
+        if (!nft::quotableIfname(pc.interface)) {
+            error = "port " + pc.name + ": interface name \"" + pc.interface + "\" cannot be used in nftables rules";
+            return false;
+        }
+        rtnl::Link l;
+        if (!rtnl::getLink(pc.interface, l, error)) {
+            error = "interface " + pc.interface + " of port " + pc.name + ": " +
+                    error.substr(error.find(": ") == std::string::npos ? 0 : error.find(": ") + 2);
+            return false;
+        }
+        s.ports[i]->ifindex = l.ifindex;
+        if (l.ifindex == br.ifindex) {
+            s.ports[i]->host = true;
+        } else if (l.master != br.ifindex) {
+            error = "port " + pc.name + ": interface " + pc.interface + " is not a member of bridge " + name;
+            return false;
+        }
+        s.portOfIfindex[l.ifindex] = i;
+    }
+    if (!br.vlanFiltering) {
+        // The bridge carries every frame as it comes: one VLAN, untagged.
+        for (const auto& pc : cfg.ports) {
+            if (!pc.tagged.empty() || pc.vlan != cfg.ports[0].vlan) {
+                error = "port " + pc.name + ": bridge " + name +
+                        " does not filter VLANs, so every port must carry the same single VLAN untagged";
+                return false;
+            }
+        }
+        return true;
+    }
+    for (size_t i = 0; i < cfg.ports.size(); ++i) {
+        const swcfg::PortConfig& pc = cfg.ports[i];
+        if (pc.interface.empty() || s.ports[i]->host)
+            continue;
+        rtnl::PortVlans v;
+        if (!rtnl::getPortVlans(s.ports[i]->ifindex, v, error)) {
+            error = "port " + pc.name + ": VLANs of " + pc.interface + ": " + error;
+            return false;
+        }
+        bool ok = v.pvid == pc.vlan && sameVlans(v.untagged, {pc.vlan}) && sameVlans(v.tagged, pc.tagged);
+        if (!ok) {
+            error = "port " + pc.name + ": bridge " + name + " gives " + pc.interface +
+                    " other VLANs than the configuration (access VLAN " + std::to_string(pc.vlan) +
+                    ", tagged as listed)";
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& error)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    if (s.active) {
+        error = "the switch is already running";
+        return false;
+    }
+    core::tearDown();
+    s.ports.clear();
+    s.portOfIfindex.clear();
+    s.ifnameOfHandle.clear();
+    for (const auto& pc : cfg.ports) {
+        if (!pc.interface.empty())
+            s.ifnameOfHandle[(uint32_t)pc.handle] = pc.interface;
+        s.ports.emplace_back(new PortIo);
+        s.ports.back()->name = pc.name;
+        s.ports.back()->ifname = pc.interface;
+    }
+    s.cfg = cfg;
+    rtnl::Link br;
+    if (!checkBridge(cfg, s, br, error))
+        return false;
+    s.bridgeIfindex = br.ifindex;
+    s.bridgeName = br.name;
+    for (auto& p : s.ports) {
+        if (p->ifindex != 0 && !openTrap(*p, error)) {
+            closeAll(s);
+            return false;
+        }
+    }
+    runtime::setDataDir(opt.dataDir);
+    logging::configure(opt.useSyslog, opt.eventsKept);
+    if (!core::setUp(cfg, opt, transmit, error)) {
+        closeAll(s);
+        return false;
+    }
+    if (!s.fdb.start(br.ifindex, error)) {
+        error = "bridge " + br.name + ": FDB: " + error;
+        core::tearDown();
+        closeAll(s);
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> q(s.guard.lock);
+        s.guard.pending.clear();
+        s.guard.installed.clear();
+        s.guard.stopping = false;
+        s.guard.failures = 0;
+    }
+    if (!installTable(s, cfg, error)) {
+        s.fdb.stop();
+        core::tearDown();
+        closeAll(s);
+        return false;
+    }
+    try {
+        s.guardThread = std::thread(guardLoop);
+    } catch (const std::exception& e) {
+        error = std::string("source-guard thread: ") + e.what();
+        std::string ignored;
+        s.nft.run(nft::deleteTableText(), nullptr, ignored);
+        s.fdb.stop();
+        core::tearDown();
+        closeAll(s);
+        return false;
+    }
+    core::setKernelPath(kernelFdb, guardChange);
+    // The switch MAC when the configuration gives none: the bridge's.
+    uint8_t mac[6];
+    struct ifreq ifr;
+    memset(&ifr, 0, sizeof ifr);
+    strncpy(ifr.ifr_name, br.name.c_str(), IFNAMSIZ - 1);
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd >= 0) {
+        if (ioctl(fd, SIOCGIFHWADDR, &ifr) == 0) {
+            memcpy(mac, ifr.ifr_hwaddr.sa_data, 6);
+            core::setFallbackMac(mac);
+        }
+        close(fd);
+    }
+    s.active = true;
+    return true;
+}
+
+bool run(std::string& error)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    if (!s.active) {
+        error = "the switch was not started";
+        return false;
+    }
+    if (s.running) {
+        error = "the switch is already running";
+        return false;
+    }
+    s.stopping.store(false);
+    logging::setSwitchInited(true);
+    try {
+        for (size_t i = 0; i < s.ports.size(); ++i)
+            if (s.ports[i]->fd.load() >= 0)
+                s.threads.emplace_back(receiveLoop, i);
+    } catch (const std::exception& e) {
+        s.stopping.store(true);
+        for (auto& t : s.threads)
+            t.join();
+        s.threads.clear();
+        error = std::string("cannot start the receive threads: ") + e.what();
+        return false;
+    }
+    s.running = true;
+    return true;
+}
+
+void stop()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    if (!s.active)
+        return;
+    s.stopping.store(true);
+    for (auto& t : s.threads)
+        t.join();
+    s.threads.clear();
+    closeAll(s);
+    {
+        std::lock_guard<std::mutex> q(s.guard.lock);
+        s.guard.stopping = true;
+        s.guard.wake.notify_all();
+    }
+    if (s.guardThread.joinable())
+        s.guardThread.join();
+    std::string error;
+    if (!s.nft.run(nft::deleteTableText(), nullptr, error))
+        warn("removing table bridge " + std::string(nft::kTable) + ": " + error);
+    core::setKernelPath(nullptr, nullptr);
+    s.fdb.stop();
+    s.running = false;
+    s.active = false;
+}
+
+bool reconfigure(const swcfg::SwitchConfig& cfg, std::string& error)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    if (!s.active) {
+        error = "the switch is not running";
+        return false;
+    }
+    if (cfg.dataplane != swcfg::SwitchConfig::Dataplane::Bridge || (!cfg.bridge.empty() && cfg.bridge != s.bridgeName)) {
+        error = "the data plane and its bridge cannot change while running";
+        return false;
+    }
+    for (const auto& pc : cfg.ports) {
+        if (!pc.tagged.empty() || pc.vlan != cfg.ports[0].vlan) {
+            rtnl::Link br;
+            if (rtnl::getLink(s.bridgeName, br, error) && !br.vlanFiltering) {
+                error = "port " + pc.name + ": bridge " + s.bridgeName +
+                        " does not filter VLANs, so every port must carry the same single VLAN untagged";
+                return false;
+            }
+        }
+    }
+    if (!core::reconfigure(cfg, error))
+        return false;
+    s.cfg = cfg;
+    // Replaced in one transaction: no frame sees the bridge without rules.
+    if (!installTable(s, cfg, error))
+        return false;
+    return true;
+}
+
+bool active()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> g(s.lock);
+    return s.active;
+}
+
+void addCounters(std::vector<PortCounters>& counters)
+{
+    State& s = state();
+    std::string listing, error;
+    if (!s.nft.run(std::string("list counters table bridge ") + nft::kTable + "\n", &listing, error))
+        return;
+    std::map<std::string, uint64_t> packets;
+    if (!nft::parseCounters(listing, packets))
+        return;
+    for (size_t i = 0; i < counters.size(); ++i) {
+        auto it = packets.find(nft::counterName(i));
+        if (it != packets.end())
+            counters[i].sourceGuardDropped += it->second;
+    }
+}
+
+}  // namespace bridge
+}  // namespace live

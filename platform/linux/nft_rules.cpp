@@ -1,0 +1,184 @@
+// The bridge data plane's nftables table as text (see nft_rules.h).
+#include "platform/linux/nft_rules.h"
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+namespace live {
+namespace nft {
+
+bool Element::operator<(const Element& o) const
+{
+    if (ifname != o.ifname)
+        return ifname < o.ifname;
+    int m = memcmp(mac, o.mac, 6);
+    if (m != 0)
+        return m < 0;
+    return memcmp(ip, o.ip, 4) < 0;
+}
+
+bool Element::operator==(const Element& o) const
+{
+    return ifname == o.ifname && memcmp(mac, o.mac, 6) == 0 && memcmp(ip, o.ip, 4) == 0;
+}
+
+bool quotableIfname(const std::string& name)
+{
+    if (name.empty() || name.size() > 15 || name == "." || name == "..")
+        return false;
+    for (unsigned char ch : name)
+        if (ch <= ' ' || ch >= 0x7F || ch == '/' || ch == ':' || ch == '"' || ch == '\\')
+            return false;
+    return true;
+}
+
+std::string elementText(const Element& e)
+{
+    char buf[96];
+    snprintf(buf, sizeof buf, " . %02x:%02x:%02x:%02x:%02x:%02x . %u.%u.%u.%u", e.mac[0], e.mac[1],
+             e.mac[2], e.mac[3], e.mac[4], e.mac[5], e.ip[0], e.ip[1], e.ip[2], e.ip[3]);
+    return "\"" + e.ifname + "\"" + buf;
+}
+
+std::string counterName(size_t portIndex) { return "sg_p" + std::to_string(portIndex + 1); }
+
+namespace {
+
+std::string chainName(size_t portIndex) { return "port_p" + std::to_string(portIndex + 1); }
+
+// 802.3 frames carry a length, not a type, at offset 12; SNAP's header
+// follows at 14 (AA AA 03, OUI 0, then the type at 20). Offsets in bits.
+const char* kSnap = "ether type <= 0x05dc @ll,112,48 0xaaaa03000000";
+
+void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
+{
+    std::string count = " counter name \"" + counterName(p.index) + "\" drop\n";
+    o << "\tchain " << chainName(p.index) << " {\n";
+    // DHCP goes to the daemon only (its socket sees the frame before the
+    // bridge): untagged or 802.1Q-tagged (the kernel takes the tag off
+    // before the hook), and in SNAP as the module takes it. Dropped before
+    // the bridge learns from it.
+    o << "\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n";
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,8 0x45 @ll,248,8 17 @ll,352,16 { 67, 68 } drop\n";
+    // With IP options the ports cannot be found at a fixed offset: hosts
+    // never send such frames, and one could hide DHCP.
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,4 4 @ll,180,4 != 5 @ll,248,8 17 drop\n";
+    // The common case next, so that it meets two rules: IPv4 from a bound
+    // source. (An 802.1ad tag is off the frame by now; a bound source
+    // gains nothing by one.)
+    if (!p.trusted && r.ipFilter)
+        o << "\t\tmeta protocol ip iifname . ether saddr . ip saddr @" << kBoundSet << " accept\n";
+    bool guard = !p.trusted && (r.ipFilter || r.arpDefend);
+    if (guard) {
+        // What would carry IPv4 or ARP past the sets below.
+        o << "\t\tether type 8021ad" << count;
+        o << "\t\tvlan type { 8021q, 8021ad }" << count;
+        o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806 }" << count;
+    }
+    if (!p.trusted && r.ipFilter)
+        o << "\t\tmeta protocol ip" << count;
+    if (!p.trusted && r.arpDefend) {
+        o << "\t\tmeta protocol arp arp htype != 1" << count;
+        o << "\t\tmeta protocol arp arp ptype != ip" << count;
+        o << "\t\tmeta protocol arp arp hlen != 6" << count;
+        o << "\t\tmeta protocol arp arp plen != 4" << count;
+        // A probe claims no address: a client checks its new lease with one.
+        o << "\t\tmeta protocol arp arp saddr ip 0.0.0.0 accept\n";
+        o << "\t\tmeta protocol arp iifname . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
+        o << "\t\tmeta protocol arp" << count;
+    }
+    o << "\t}\n";
+}
+
+}  // namespace
+
+std::string tableText(const Ruleset& r, const std::vector<Element>& elements)
+{
+    std::ostringstream o;
+    // Made first so the delete never fails: there may be no old table.
+    o << "table bridge " << kTable << " {\n}\n";
+    o << "delete table bridge " << kTable << "\n";
+    o << "table bridge " << kTable << " {\n";
+    o << "\tset " << kBoundSet << " {\n\t\ttype ifname . ether_addr . ipv4_addr\n";
+    if (!elements.empty()) {
+        o << "\t\telements = { ";
+        for (size_t i = 0; i < elements.size(); ++i)
+            o << (i ? ",\n\t\t\t" : "") << elementText(elements[i]);
+        o << " }\n";
+    }
+    o << "\t}\n";
+    for (const Port& p : r.ports)
+        if (p.snooped && !p.host)
+            o << "\tcounter " << counterName(p.index) << " {\n\t}\n";
+    // Ahead of everything else in prerouting: a DHCP frame must not even
+    // teach the bridge its source.
+    // One look-up finds the port's chain, however many ports there are.
+    o << "\tchain prerouting {\n\t\ttype filter hook prerouting priority -300; policy accept;\n";
+    std::string map;
+    for (const Port& p : r.ports)
+        if (p.snooped && !p.host)
+            map += (map.empty() ? "" : ", ") + std::string("\"") + p.ifname + "\" : jump " + chainName(p.index);
+    if (!map.empty())
+        o << "\t\tiifname vmap { " << map << " }\n";
+    o << "\t}\n";
+    bool host = false;
+    for (const Port& p : r.ports)
+        host = host || (p.snooped && p.host);
+    if (host) {
+        // What the host sends through the bridge: its DHCP is trapped on the
+        // bridge device and sent on by the module.
+        o << "\tchain output {\n\t\ttype filter hook output priority -300; policy accept;\n";
+        o << "\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n";
+        o << "\t}\n";
+    }
+    for (const Port& p : r.ports)
+        if (p.snooped && !p.host)
+            portChain(o, r, p);
+    o << "}\n";
+    return o.str();
+}
+
+std::string deleteTableText() { return std::string("delete table bridge ") + kTable + "\n"; }
+
+std::string elementsText(bool add, const std::vector<Element>& elements)
+{
+    if (elements.empty())
+        return std::string();
+    std::ostringstream o;
+    o << (add ? "add" : "delete") << " element bridge " << kTable << " " << kBoundSet << " { ";
+    for (size_t i = 0; i < elements.size(); ++i)
+        o << (i ? ", " : "") << elementText(elements[i]);
+    o << " }\n";
+    return o.str();
+}
+
+bool parseCounters(const std::string& listing, std::map<std::string, uint64_t>& packets)
+{
+    std::istringstream in(listing);
+    std::string line, current;
+    bool table = false;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string w;
+        if (!(words >> w))
+            continue;
+        if (w == "table") {
+            table = true;
+        } else if (w == "counter") {
+            if (!(words >> current))
+                return false;
+        } else if (w == "packets" && !current.empty()) {
+            unsigned long long n = 0;
+            std::string bytes;
+            if (!(words >> n))
+                return false;
+            packets[current] = (uint64_t)n;
+            current.clear();
+        }
+    }
+    return table;
+}
+
+}  // namespace nft
+}  // namespace live

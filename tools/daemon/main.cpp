@@ -215,6 +215,9 @@ int main(int argc, char** argv)
         fail(kStartFailed, error);
         leave(kStartFailed);
     }
+    // The socket's clients: root and the user the daemon now runs as.
+    if (!userName.empty())
+        server.allowUsers({0u, (uint32_t)user.uid});
     live::setDebug(debug || cfg.debug);
     uint32_t rv = dhcpSnoopInit();
     if (rv != DHCP_SNOOP_OK) {

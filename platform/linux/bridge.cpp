@@ -261,6 +261,7 @@ nft::Ruleset rulesetOf(const swcfg::SwitchConfig& cfg, const State& s)
     nft::Ruleset r;
     r.ipFilter = cfg.ipFilter;
     r.arpDefend = cfg.arpDefend;
+    r.dropIpv6 = cfg.dropIpv6;
     for (size_t i = 0; i < cfg.ports.size() && i < s.ports.size(); ++i) {
         const swcfg::PortConfig& pc = cfg.ports[i];
         if (s.ports[i]->ifindex == 0)

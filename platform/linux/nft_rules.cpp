@@ -69,13 +69,15 @@ void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
     // gains nothing by one.)
     if (!p.trusted && r.ipFilter)
         o << "\t\tmeta protocol ip iifname . ether saddr . ip saddr @" << kBoundSet << " accept\n";
-    bool guard = !p.trusted && (r.ipFilter || r.arpDefend);
+    bool guard = !p.trusted && (r.ipFilter || r.arpDefend || r.dropIpv6);
     if (guard) {
-        // What would carry IPv4 or ARP past the sets below.
+        // What would carry IPv4, ARP or IPv6 past the rules below.
         o << "\t\tether type 8021ad" << count;
         o << "\t\tvlan type { 8021q, 8021ad }" << count;
-        o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806 }" << count;
+        o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806, 0x86dd }" << count;
     }
+    if (!p.trusted && r.dropIpv6)
+        o << "\t\tmeta protocol ip6" << count;
     if (!p.trusted && r.ipFilter)
         o << "\t\tmeta protocol ip" << count;
     if (!p.trusted && r.arpDefend) {
@@ -83,9 +85,14 @@ void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
         o << "\t\tmeta protocol arp arp ptype != ip" << count;
         o << "\t\tmeta protocol arp arp hlen != 6" << count;
         o << "\t\tmeta protocol arp arp plen != 4" << count;
-        // A probe claims no address: a client checks its new lease with one.
-        o << "\t\tmeta protocol arp arp saddr ip 0.0.0.0 accept\n";
-        o << "\t\tmeta protocol arp iifname . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
+        // A probe claims no address: a client checks the address its ACK
+        // gave it, so a probe passes only for the sender's own binding (one
+        // for anyone else's could only make that client give up its lease).
+        o << "\t\tmeta protocol arp arp saddr ip 0.0.0.0 iifname . ether saddr . arp daddr ip @" << kBoundSet
+          << " iifname . arp saddr ether . arp daddr ip @" << kBoundSet << " accept\n";
+        // The sender MAC must be the frame's source too: both are looked up.
+        o << "\t\tmeta protocol arp iifname . ether saddr . arp saddr ip @" << kBoundSet
+          << " iifname . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
         o << "\t\tmeta protocol arp" << count;
     }
     o << "\t}\n";

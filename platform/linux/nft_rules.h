@@ -30,6 +30,7 @@ struct Ruleset {
     std::vector<Port> ports;
     bool ipFilter = false;
     bool arpDefend = false;
+    bool dropIpv6 = false;  // IPv6 from untrusted ports: the bindings do not cover it
 };
 
 struct Element {

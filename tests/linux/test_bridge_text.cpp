@@ -90,7 +90,7 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     EXPECT_NE(t.find("counter sg_p3 {"), std::string::npos);
     EXPECT_NE(t.find("ether type 8021ad counter name \"sg_p3\" drop"), std::string::npos);
     EXPECT_NE(t.find("vlan type { 8021q, 8021ad } counter name \"sg_p3\" drop"), std::string::npos);
-    EXPECT_NE(t.find("@ll,160,16 { 0x0800, 0x0806 } counter name \"sg_p3\" drop"), std::string::npos);
+    EXPECT_NE(t.find("@ll,160,16 { 0x0800, 0x0806, 0x86dd } counter name \"sg_p3\" drop"), std::string::npos);
     // DHCP first, then the common case: IPv4 from a bound source.
     size_t chain = t.find("chain port_p3 {\n");
     ASSERT_NE(chain, std::string::npos);
@@ -99,8 +99,17 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     size_t bound = t.find("meta protocol ip iifname . ether saddr . ip saddr @bound accept", chain);
     ASSERT_NE(bound, std::string::npos);
     EXPECT_LT(bound, t.find("ether type 8021ad", chain));
-    EXPECT_NE(t.find("meta protocol arp iifname . arp saddr ether . arp saddr ip @bound accept"),
+    // The sender MAC and the frame's source are both looked up: an ARP
+    // claiming another station's binding from this one is refused.
+    EXPECT_NE(t.find("meta protocol arp iifname . ether saddr . arp saddr ip @bound "
+                     "iifname . arp saddr ether . arp saddr ip @bound accept"),
               std::string::npos);
+    // A probe passes only for an address bound to its sender.
+    EXPECT_NE(t.find("meta protocol arp arp saddr ip 0.0.0.0 iifname . ether saddr . arp daddr ip @bound "
+                     "iifname . arp saddr ether . arp daddr ip @bound accept"),
+              std::string::npos);
+    EXPECT_EQ(t.find("arp saddr ip 0.0.0.0 accept"), std::string::npos) << "no probe passes unchecked";
+    EXPECT_EQ(t.find("meta protocol ip6"), std::string::npos) << "IPv6 passes unless asked";
     EXPECT_EQ(t.find("chain output"), std::string::npos) << "no host port";
 }
 
@@ -117,6 +126,26 @@ TEST(NftRules, WithoutFiltersNothingButTheTrap)
     EXPECT_EQ(t.find("ip saddr @bound"), std::string::npos) << "arp_defend alone guards ARP only";
     EXPECT_NE(t.find("arp saddr ip @bound"), std::string::npos);
     EXPECT_NE(t.find("vlan type { 8021q, 8021ad }"), std::string::npos) << "smuggling is refused with any filter";
+}
+
+TEST(NftRules, DropIpv6RefusesIpv6OnUntrustedPortsOnly)
+{
+    live::nft::Ruleset r = ruleset();
+    r.ipFilter = false;
+    r.arpDefend = false;
+    r.dropIpv6 = true;
+    std::string t = live::nft::tableText(r, {});
+    size_t p3 = t.find("chain port_p3 {\n");
+    ASSERT_NE(p3, std::string::npos);
+    size_t p3End = t.find("\t}\n", p3);
+    size_t v6 = t.find("meta protocol ip6 counter name \"sg_p3\" drop", p3);
+    EXPECT_LT(v6, p3End);
+    EXPECT_NE(t.find("@ll,160,16 { 0x0800, 0x0806, 0x86dd } counter name \"sg_p3\" drop", p3), std::string::npos)
+        << "IPv6 in SNAP is refused too";
+    size_t p1 = t.find("chain port_p1 {\n");
+    ASSERT_NE(p1, std::string::npos);
+    EXPECT_GT(t.find("meta protocol ip6", p1), t.find("\t}\n", p1)) << "a trusted port keeps its IPv6";
+    EXPECT_EQ(t.find("@bound accept"), std::string::npos) << "no set look-up without ip_filter or arp_defend";
 }
 
 TEST(NftRules, TheHostPortTrapsWhatTheHostSends)

@@ -93,6 +93,23 @@ TEST(Metrics, BindingsCountedPerVlan)
     EXPECT_TRUE(hasLine(m, "dhcpsnoop_system_log_entries 3")) << m;
 }
 
+TEST(Metrics, BindingFileSavesFailuresAndWhetherSavingGoesOn)
+{
+    live::SaveStatus save;
+    save.savesCompleted = 17;
+    save.saveFailures = 1;
+    save.saving = false;
+    std::string m = ctl::metricsText({}, {}, 0, &save);
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_binding_file_saves_total 17")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_binding_file_save_failures_total 1")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_binding_file_saving 0")) << m;
+    EXPECT_TRUE(hasLine(m, "# TYPE dhcpsnoop_binding_file_saving gauge")) << m;
+    save.saving = true;
+    EXPECT_TRUE(hasLine(ctl::metricsText({}, {}, 0, &save), "dhcpsnoop_binding_file_saving 1"));
+    EXPECT_EQ(ctl::metricsText({}, {}, 0).find("binding_file"), std::string::npos)
+        << "no save figures where the daemon gave none";
+}
+
 TEST(Metrics, LabelValuesEscaped)
 {
     // A reason or interface name with a quote, a backslash or a newline
@@ -171,7 +188,9 @@ TEST(Metrics, PromtoolAcceptsTheText)
     odd.dropped["VLAN 5 not carried by the port"] = 2;
     std::vector<live::PortCounters> ports = twoPorts();
     ports.push_back(odd);
-    std::ofstream(path) << ctl::metricsText(ports, bindings({10, 20}), 4);
+    live::SaveStatus save;
+    save.savesCompleted = 3;
+    std::ofstream(path) << ctl::metricsText(ports, bindings({10, 20}), 4, &save);
     std::string cmd = tool + " check metrics < " + path + " > " + path + ".out 2>&1";
     int rc = system(cmd.c_str());
     std::ifstream in(std::string(path) + ".out");

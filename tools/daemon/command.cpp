@@ -494,7 +494,11 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
             r.body = "metrics: " + error;
             return r;
         }
-        r.body = metricsText(backend.counters(), bindings, backend.events().size());
+        live::SaveStatus save;
+        if (backend.saveStatus)
+            save = backend.saveStatus();
+        r.body = metricsText(backend.counters(), bindings, backend.events().size(),
+                             backend.saveStatus ? &save : nullptr);
         break;
     }
     }

@@ -244,7 +244,8 @@ int main(int argc, char** argv)
             std::vector<ctl::Binding> bindings;
             std::string ignored;
             backend.bindings(bindings, ignored);  // none while the module cannot answer
-            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size());
+            live::SaveStatus save = backend.saveStatus();
+            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size(), &save);
         };
         if (!metrics.start(metricsAddress, collect, error)) {
             live::stop();

@@ -21,7 +21,8 @@ std::string metricLabel(const std::string& value)
 }
 
 std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& counters,
-                                         const std::vector<Binding>& bindings, size_t events)
+                                         const std::vector<Binding>& bindings, size_t events,
+                                         const live::SaveStatus* save)
 {
     std::vector<MetricFamily> out;
     auto port = [](const live::PortCounters& c) {
@@ -68,6 +69,15 @@ std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& 
     out.push_back(bound);
     out.push_back({"dhcpsnoop_system_log_entries", "System-log entries the daemon keeps for events.", false,
                    {{{}, (uint64_t)events}}});
+    if (save) {
+        out.push_back({"dhcpsnoop_binding_file_saves_total", "Binding-file saves completed.", true,
+                       {{{}, save->savesCompleted}}});
+        out.push_back({"dhcpsnoop_binding_file_save_failures_total",
+                       "Binding-file saves that failed (saving then stops until SIGHUP).", true,
+                       {{{}, save->saveFailures}}});
+        out.push_back({"dhcpsnoop_binding_file_saving", "1 while binding-file changes are saved, 0 after a failed save.",
+                       false, {{{}, (uint64_t)(save->saving ? 1 : 0)}}});
+    }
     return out;
 }
 
@@ -92,9 +102,9 @@ std::string metricsText(const std::vector<MetricFamily>& families)
 }
 
 std::string metricsText(const std::vector<live::PortCounters>& counters, const std::vector<Binding>& bindings,
-                        size_t events)
+                        size_t events, const live::SaveStatus* save)
 {
-    return metricsText(metricFamilies(counters, bindings, events));
+    return metricsText(metricFamilies(counters, bindings, events, save));
 }
 
 }  // namespace ctl

@@ -30,11 +30,13 @@ std::string metricLabel(const std::string& value);
 
 // Per port: frames received and sent, DHCP frames trapped and forwarded,
 // source-guard drops, DHCP drops by reason; bindings per VLAN; system-log
-// entries kept.
+// entries kept; with save given, the binding file's saves, failures and
+// whether saving goes on.
 std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& counters,
-                                         const std::vector<Binding>& bindings, size_t events);
+                                         const std::vector<Binding>& bindings, size_t events,
+                                         const live::SaveStatus* save = nullptr);
 std::string metricsText(const std::vector<MetricFamily>& families);
 std::string metricsText(const std::vector<live::PortCounters>& counters, const std::vector<Binding>& bindings,
-                        size_t events);
+                        size_t events, const live::SaveStatus* save = nullptr);
 
 }  // namespace ctl

@@ -10,7 +10,7 @@ scripts/deps.sh cmake ninja-build g++ clang libgtest-dev libgmock-dev libbenchma
   g++-mips-linux-gnu qemu-user libpcap-dev libtomlplusplus-dev libcli11-dev \
   dnsmasq-base busybox isc-dhcp-client tcpdump iproute2 ethtool iputils-ping python3 \
   libsystemd-dev libcap-ng-dev prometheus-cpp-dev systemd scdoc mandoc dpkg-dev \
-  libnftables-dev libmnl-dev pkg-config nftables iperf3
+  libnftables-dev libmnl-dev pkg-config nftables iperf3 strace
 # The end-to-end tests (label e2e, native suite only) run real DHCP programs
 # in network namespaces; here a missing program fails them instead of
 # skipping them. Without root they still skip.

@@ -529,7 +529,9 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
         closeAll(s);
         return false;
     }
-    if (!s.fdb.start(br.ifindex, error)) {
+    // The threads (FDB notifications, set changes) start with run(): a
+    // daemon that changes its user in between must still be one thread.
+    if (!s.fdb.start(br.ifindex, error, false)) {
         error = "bridge " + br.name + ": FDB: " + error;
         core::tearDown();
         closeAll(s);
@@ -543,17 +545,6 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
         s.guard.failures = 0;
     }
     if (!installTable(s, cfg, error)) {
-        s.fdb.stop();
-        core::tearDown();
-        closeAll(s);
-        return false;
-    }
-    try {
-        s.guardThread = std::thread(guardLoop);
-    } catch (const std::exception& e) {
-        error = std::string("source-guard thread: ") + e.what();
-        std::string ignored;
-        s.nft.run(nft::deleteTableText(), nullptr, ignored);
         s.fdb.stop();
         core::tearDown();
         closeAll(s);
@@ -588,6 +579,18 @@ bool run(std::string& error)
     if (s.running) {
         error = "the switch is already running";
         return false;
+    }
+    if (!s.fdb.follow(error)) {
+        error = "bridge " + s.bridgeName + ": " + error;
+        return false;
+    }
+    if (!s.guardThread.joinable()) {
+        try {
+            s.guardThread = std::thread(guardLoop);
+        } catch (const std::exception& e) {
+            error = std::string("source-guard thread: ") + e.what();
+            return false;
+        }
     }
     s.stopping.store(false);
     logging::setSwitchInited(true);

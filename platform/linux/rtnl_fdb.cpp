@@ -279,7 +279,7 @@ struct FdbMirror::Sock {
 FdbMirror::FdbMirror() = default;
 FdbMirror::~FdbMirror() { stop(); }
 
-bool FdbMirror::start(int bridge, std::string& error)
+bool FdbMirror::start(int bridge, std::string& error, bool follow)
 {
     stop();
     bridge_ = bridge;
@@ -297,11 +297,25 @@ bool FdbMirror::start(int bridge, std::string& error)
         return false;
     }
     stopping_.store(false);
+    if (follow && !this->follow(error)) {
+        sock_.reset();
+        return false;
+    }
+    return true;
+}
+
+bool FdbMirror::follow(std::string& error)
+{
+    if (!sock_) {
+        error = "FDB: not started";
+        return false;
+    }
+    if (thread_.joinable())
+        return true;
     try {
         thread_ = std::thread([this] { loop(); });
     } catch (const std::exception& e) {
         error = std::string("FDB thread: ") + e.what();
-        sock_.reset();
         return false;
     }
     return true;

@@ -46,7 +46,11 @@ class FdbMirror {
 public:
     FdbMirror();
     ~FdbMirror();
-    bool start(int bridge, std::string& error);
+    // Subscribes and reads the whole FDB; with follow, the thread that keeps
+    // it current starts too, else follow() starts it later (a process that
+    // drops privileges first must still be one thread).
+    bool start(int bridge, std::string& error, bool follow = true);
+    bool follow(std::string& error);
     void stop();
     // As queryFdb.
     bool lookup(const uint8_t mac[6], uint16_t vid, int* portIfindex) const;

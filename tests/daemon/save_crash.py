@@ -143,7 +143,7 @@ def main():
     keep = False
     try:
         with open(os.path.join(work, "sw.toml"), "w") as f:
-            f.write('[switch]\nsnooping_vlans = [10]\n\n[[port]]\nname = "1/0/1"\nvlan = 10\ntrust = true\n\n'
+            f.write('[switch]\ndataplane = "user"\nsnooping_vlans = [10]\n\n[[port]]\nname = "1/0/1"\nvlan = 10\ntrust = true\n\n'
                     '[[port]]\nname = "1/0/2"\nvlan = 10\n')
         data = os.path.join(work, "data")
         main_file = os.path.join(data, "dhcpSnoop.cfg")

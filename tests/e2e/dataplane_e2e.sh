@@ -115,6 +115,7 @@ echo "  info  client offloads: $(in_ns "$ns_cli" ethtool -k eth0 | grep -E '^(tx
 
 cat >"$work/switch.toml" <<EOF
 [switch]
+dataplane = "user"
 mac = "02:00:c6:12:ff:01"
 snooping_vlans = [10]
 ip_filter = true

@@ -53,6 +53,7 @@ done
 write_config() {
   cat >"$work/switch.toml" <<TOML
 [switch]
+dataplane = "user"
 snooping_vlans = [10]
 [[port]]
 name = "1/0/1"

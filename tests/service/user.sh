@@ -83,6 +83,7 @@ ip -n "$ns_sw" link set lo up    # the metrics endpoint
 write_config() {
   cat >"$work/switch.toml" <<TOML
 [switch]
+dataplane = "user"
 mac = "02:00:c6:12:ff:01"
 snooping_vlans = [10]
 [[port]]

@@ -38,6 +38,8 @@ function(dhcpsnoop_fuzz_tools)
     find_package(Threads REQUIRED)
     target_link_libraries(fuzz_control PRIVATE Threads::Threads)
     foreach(t fuzz_config fuzz_control)
+      # Beside the other fuzz targets, where the test command looks.
+      set_target_properties(${t} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
       target_include_directories(${t} PRIVATE ${src})
       target_compile_options(${t} PRIVATE ${flags})
       target_link_options(${t} PRIVATE ${flags})

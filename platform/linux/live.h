@@ -108,6 +108,32 @@ struct Latency {
 // clear: start counting again after this read.
 Latency latency(bool clear = false);
 
+// The same frames since start (never cleared) as a histogram: at each bound
+// (seconds), the frames certainly no slower than it. The bucket edges are
+// 1/16 of a power of two apart: a frame within that of a bound may be
+// counted at the next one.
+struct LatencyDistribution {
+    std::vector<double> boundsSec;
+    std::vector<uint64_t> atMost;  // cumulative, one per bound
+    uint64_t count = 0;
+    double sumSec = 0;
+};
+LatencyDistribution latencyDistribution();
+
+// How full the module's and the platform's fixed resources are now.
+struct Occupancy {
+    // Requests the module holds for an answer: in all, and per port name.
+    uint32_t pendingRequests = 0;
+    std::map<std::string, uint32_t> pendingByPort;
+    uint32_t elementsInUse = 0;  // the module's pool of binding elements
+    uint32_t elementPool = 0;
+    uint32_t packetBuffersInUse = 0;  // trapped frames held
+    uint32_t packetPool = 0;
+    uint32_t mainQueueWaiting = 0;  // records in the module's main queue
+    uint32_t mainQueueCapacity = 0;
+};
+Occupancy occupancy();
+
 void setDebug(bool on);
 bool debug();
 

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/linux/live.h"
 #include "snooping/dhcpSnoop.h"
@@ -85,6 +87,12 @@ uint64_t nowMs();
 void setClock(std::function<uint64_t()> clock);
 
 
+// Trap-to-transmit latency since start, at the bounds asked.
+LatencyDistribution latencyDistribution(const std::vector<double>& boundsSec);
+// Every configured port's handle and name.
+std::vector<std::pair<::up, std::string>> portHandles();
+size_t poolBuffers();
+
 // Leak checks for tests.
 size_t poolBuffersInUse();
 size_t badReleases();
@@ -109,6 +117,9 @@ void setDataDir(const std::string& dir);
 // The number of records waiting in a named queue, and whether its consumer
 // is still working on the last record it took.
 bool queueIdle(const char* name);
+// Records waiting in the named queue and its capacity; false when there is
+// no such queue.
+bool queueDepth(const char* name, uint32_t* waiting, uint32_t* capacity);
 // Posts one record to the named queue without waiting; false when full.
 bool postByName(const char* name, const void* record, uint32_t size);
 // Marks the switch application as started (isSwitchInited).

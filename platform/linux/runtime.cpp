@@ -665,5 +665,24 @@ bool queueIdle(const char* name)
     return true;
 }
 
+bool queueDepth(const char* name, uint32_t* waiting, uint32_t* capacity)
+{
+    // Queues are never deleted: the one made last is the one in use.
+    Queue* found = nullptr;
+    for (size_t i = 0;; ++i) {
+        Queue* q = queueOf((PalMsgQ)(i + 1));
+        if (!q)
+            break;
+        if (q->name == name)
+            found = q;
+    }
+    if (!found)
+        return false;
+    std::lock_guard<std::mutex> lk(found->m);
+    *waiting = found->count;
+    *capacity = found->depth;
+    return true;
+}
+
 }  // namespace runtime
 }  // namespace live

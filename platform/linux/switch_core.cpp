@@ -156,6 +156,8 @@ struct Core {
     live::trap::Admission admission;
     // Trap to first transmission of the frames the module sent on.
     live::LatencyHistogram latency;
+    // The same since start, never cleared: the metrics' histogram.
+    live::LatencyHistogram latencyTotal;
     // The bridge data plane's, when it runs.
     FdbLookup kernelFdb;
     GuardChange guardChange;
@@ -851,6 +853,7 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
     applyConfig(c, cfg);
     c.admission.setUp(cfg.ports.size(), admissionLimits(cfg));
     c.latency.clear();
+    c.latencyTotal.clear();
     c.haveFallbackMac = false;
     c.stk = StackRegs();
     if (!c.clock)
@@ -989,6 +992,37 @@ void setClock(std::function<uint64_t()> clock)
     Core& c = core();
     Guard g(c.lock);
     c.clock = clock ? std::move(clock) : std::function<uint64_t()>(steadyMs);
+}
+
+LatencyDistribution latencyDistribution(const std::vector<double>& boundsSec)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    LatencyDistribution d;
+    for (double b : boundsSec) {
+        d.boundsSec.push_back(b);
+        d.atMost.push_back(c.latencyTotal.countAtMost((uint64_t)(b * 1e9 + 0.5)));
+    }
+    d.count = c.latencyTotal.count();
+    d.sumSec = (double)c.latencyTotal.sumNs() / 1e9;
+    return d;
+}
+
+std::vector<std::pair<::up, std::string>> portHandles()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    std::vector<std::pair<::up, std::string>> out;
+    for (const PortState& p : c.ports)
+        out.emplace_back(p.cfg.handle, p.cfg.name);
+    return out;
+}
+
+size_t poolBuffers()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.slots.size();
 }
 
 size_t poolBuffersInUse()
@@ -1463,8 +1497,11 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
                     out.add(c, i, vid);
         }
         if (slot) {
-            if (slot->sends == 0 && out.n > 0)
-                c.latency.record(live::core::steadyNs() - slot->trapNs);
+            if (slot->sends == 0 && out.n > 0) {
+                uint64_t ns = live::core::steadyNs() - slot->trapNs;
+                c.latency.record(ns);
+                c.latencyTotal.record(ns);
+            }
             ++slot->sends;
             slot->vid = vid;
         }

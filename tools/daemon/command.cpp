@@ -495,10 +495,22 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
             return r;
         }
         live::SaveStatus save;
-        if (backend.saveStatus)
+        live::Occupancy occupancy;
+        live::LatencyDistribution latency;
+        MetricExtras extras;
+        if (backend.saveStatus) {
             save = backend.saveStatus();
-        r.body = metricsText(backend.counters(), bindings, backend.events().size(),
-                             backend.saveStatus ? &save : nullptr);
+            extras.save = &save;
+        }
+        if (backend.occupancy) {
+            occupancy = backend.occupancy();
+            extras.occupancy = &occupancy;
+        }
+        if (backend.latencyDistribution) {
+            latency = backend.latencyDistribution();
+            extras.latency = &latency;
+        }
+        r.body = metricsText(backend.counters(), bindings, backend.events().size(), extras);
         break;
     }
     }

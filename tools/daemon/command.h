@@ -84,6 +84,9 @@ struct Backend {
     // Trap-to-transmit latency of the frames so far; clear: start again.
     std::function<live::Latency(bool clear)> latency;
     std::function<live::SaveStatus()> saveStatus;
+    // For metrics; may be left unset.
+    std::function<live::Occupancy()> occupancy;
+    std::function<live::LatencyDistribution()> latencyDistribution;
 };
 
 // Checks the words again and runs the command.

@@ -95,6 +95,8 @@ ctl::Backend liveBackend()
     b.events = live::events;
     b.latency = live::latency;
     b.saveStatus = live::saveStatus;
+    b.occupancy = live::occupancy;
+    b.latencyDistribution = live::latencyDistribution;
     return b;
 }
 
@@ -245,7 +247,13 @@ int main(int argc, char** argv)
             std::string ignored;
             backend.bindings(bindings, ignored);  // none while the module cannot answer
             live::SaveStatus save = backend.saveStatus();
-            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size(), &save);
+            live::Occupancy occupancy = backend.occupancy();
+            live::LatencyDistribution latency = backend.latencyDistribution();
+            ctl::MetricExtras extras;
+            extras.save = &save;
+            extras.occupancy = &occupancy;
+            extras.latency = &latency;
+            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size(), extras);
         };
         if (!metrics.start(metricsAddress, collect, error)) {
             live::stop();

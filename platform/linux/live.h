@@ -4,7 +4,9 @@
 // same library implements.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -136,5 +138,31 @@ Occupancy occupancy();
 
 void setDebug(bool on);
 bool debug();
+
+// Live events for `dhcpsnoopctl monitor`: binding changes with their cause,
+// rate-limit entries, dropped DHCP frames.
+struct MonitorEvent {
+    enum Kind { BindingAdded, BindingRemoved, RateLimit, Drop };
+    Kind kind = Drop;
+    uint64_t unixMs = 0;
+    std::array<uint8_t, 4> ip{};   // bindings
+    std::array<uint8_t, 6> mac{};  // bindings; a drop: the frame's source
+    uint16_t vlan = 0;             // bindings
+    uint32_t lease = 0;            // an added binding: seconds, 0xFFFFFFFF never ends
+    std::string port;              // "1/0/3"
+    // Bindings: ACK, RELEASE, DECLINE, NAK (the frame that made the change),
+    // aging, delete (the operator's), stack (another unit), file (the
+    // binding file read at start), configuration.
+    std::string cause;
+    // A drop: the reason it is counted under; a rate limit: DHCP or DECLINE.
+    std::string reason;
+};
+// Called on the thread of the event (module tasks, receive threads): it must
+// neither block nor call back into the platform. One sink at a time; an
+// empty one stops the calls, also those under way when it returns.
+using MonitorSink = std::function<void(const MonitorEvent&)>;
+void setMonitorSink(MonitorSink sink);
+// Events are composed only while someone listens.
+void setMonitoring(bool on);
 
 }  // namespace live

@@ -203,4 +203,22 @@ private:
 constexpr uint32_t kErrorLinesPerSecond = 20;
 
 }  // namespace logging
+
+namespace monitor {
+
+// Whether anyone listens: everything below is skipped when not.
+bool active();
+// The main task took this record of its queue: the cause of the binding
+// changes it makes until the next.
+void mainRecord(const void* record, uint32_t size);
+// A runtime record of the module (a binding filed or removed).
+void bindingRecord(const uint8_t* record, uint32_t len);
+// A DHCP frame that left on no port, and the rate-limit entries.
+void drop(const std::string& port, const std::string& reason, const uint8_t* frame, size_t len);
+void rateLimit(const std::string& port, bool decline);
+// The DHCP message type (option 53) of an Ethernet frame, untagged or with
+// one 802.1Q tag; 0 when it has none or is not a DHCP frame over IPv4/UDP.
+uint8_t dhcpMessageType(const uint8_t* frame, size_t len);
+
+}  // namespace monitor
 }  // namespace live

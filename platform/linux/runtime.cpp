@@ -488,6 +488,7 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     // The main task's lines from here on are about this record only.
     if (live::logging::onMainTask()) {
         live::logging::startMainRecord(backlog);
+        live::monitor::mainRecord(buffer, n);
         if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
             payWakes();
     }

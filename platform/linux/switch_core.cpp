@@ -721,6 +721,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         PortState& p = c.ports[rx];
         if (len > kPoolBufferSize) {
             ++p.trapDrops[kTooLong];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[kTooLong], f, len);
             return;
         }
         uint64_t now = c.clock ? c.clock() : steadyMs();
@@ -728,10 +730,14 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         if (v == live::trap::Verdict::Admit && c.freeSlots.empty()) {
             c.admission.released(rx);
             ++p.trapDrops[kPoolFull];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[kPoolFull], f, len);
             return;
         }
         if (v != live::trap::Verdict::Admit) {
             ++p.trapDrops[dropOf(v)];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[dropOf(v)], f, len);
             if (v != live::trap::Verdict::PendingRequests ||
                 (p.pendingReported && now - p.pendingReportedMs < kPendingReportMs))
                 return;
@@ -781,6 +787,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         c.freeSlots.push_back(s);
         c.admission.released(rx);
         ++p.trapDrops[kQueueFull];
+        if (live::monitor::active())
+            live::monitor::drop(p.cfg.name, kTrapDropText[kQueueFull], f, len);
         return;
     }
     ++p.counters.trapped;
@@ -1556,6 +1564,8 @@ void dhcpReleasePacketPool(uint8_t* frame)
         if ((reason == "dropped" || reason == live::logging::kUnnamedDrop) && slot.sends > 0)
             reason = "no egress port";
         ++pc.dropped[reason];
+        if (live::monitor::active())
+            live::monitor::drop(rp.cfg.name, reason, frame, 12);
     }
     slot.inUse = false;
     LIVE_POISON(frame, live::core::kPoolBufferSize);
@@ -1671,8 +1681,10 @@ uint32_t stkGetCurrentUnit(void)
 
 uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
 {
-    // No other unit to tell.
+    // No other unit to tell; the monitors hear of the change.
     (void)mid;
+    if (usoData && usoData->data && live::monitor::active())
+        live::monitor::bindingRecord(static_cast<const uint8_t*>(usoData->data), usoData->len);
     return usoData && (usoData->len == 0 || usoData->data) ? 0 : 1;
 }
 

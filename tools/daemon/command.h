@@ -32,7 +32,7 @@ struct Binding {
 };
 
 struct Command {
-    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency, Status, Metrics } kind = Bindings;
+    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency, Status, Metrics, Monitor } kind = Bindings;
     bool json = false;
     BindingKey key;        // Delete
     bool on = false;       // Debug

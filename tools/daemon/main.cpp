@@ -230,6 +230,9 @@ int main(int argc, char** argv)
     }
     if (cfg.debugLevel != 0 && dhcpSnoopSetDebugLevel(cfg.debugLevel, 0) != DHCP_SNOOP_OK)
         warn("debug_level " + std::to_string(cfg.debugLevel) + " refused by the module");
+    // The monitors' events: composed only while one is connected.
+    server.monitors().onListening(live::setMonitoring);
+    live::setMonitorSink([&server](const live::MonitorEvent& e) { server.monitors().publish(e); });
     if (!live::run(error) || !server.start([backend = liveBackend()](const std::vector<std::string>& words) {
             return ctl::runCommand(words, backend);
         }, error)) {
@@ -286,6 +289,8 @@ int main(int argc, char** argv)
 
     svc::notifyStopping();
     metrics.stop();
+    live::setMonitoring(false);
+    live::setMonitorSink(nullptr);
     server.stop();
     live::stop();
     int waited = 0;

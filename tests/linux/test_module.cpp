@@ -296,6 +296,18 @@ TEST_F(Module, MonitorsHearBindingsWithTheirCauseDropsAndRateLimits)
     EXPECT_EQ(removed[2].cause, "aging");
     EXPECT_EQ(heard.of(live::MonitorEvent::BindingAdded).size(), 3u);
 
+    // A renewal: the module replaces the binding, the old one goes first.
+    p.lease = 600;
+    lease(0x5009);
+    lease(0x500a);
+    ASSERT_TRUE(count(live::MonitorEvent::BindingRemoved, 4));
+    auto all = heard.events();
+    ASSERT_GE(all.size(), 2u);
+    EXPECT_EQ(all[all.size() - 2].kind, live::MonitorEvent::BindingRemoved);
+    EXPECT_EQ(all[all.size() - 2].cause, "ACK");
+    EXPECT_EQ(all.back().kind, live::MonitorEvent::BindingAdded);
+    EXPECT_EQ(all.back().cause, "ACK");
+
     // A drop names its port, reason and source.
     p.xid = 0x5008;
     rx("1/0/2", fb::offer(p).build());

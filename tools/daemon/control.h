@@ -4,6 +4,8 @@
 // Request: the command's words separated by single blanks, ended by a
 // newline (at most kRequestMax bytes with it). Reply: "ok" or "error" on the
 // first line, then the body; the daemon closes the connection after it.
+// "monitor" is the exception: after its "ok" the connection stays open and
+// the daemon writes its events, one line each (see monitor.h).
 // Plain text on purpose: `echo bindings | socat - UNIX:/run/dhcpsnoop/dhcpsnoopd.sock`
 // works too.
 #pragma once

@@ -34,6 +34,7 @@ function(dhcpsnoop_fuzz_tools)
     target_include_directories(fuzz_config SYSTEM PRIVATE ${DHCPSNOOP_TOMLPP_INCLUDE})
     add_executable(fuzz_control ${dir}/fuzz_control.cpp ${src}/tools/daemon/command.cpp
       ${src}/tools/daemon/control.cpp ${src}/tools/daemon/stop.cpp ${src}/tools/daemon/metrics.cpp
+      ${src}/tools/daemon/monitor.cpp
       ${src}/tools/common/json_text.cpp)
     find_package(Threads REQUIRED)
     target_link_libraries(fuzz_control PRIVATE Threads::Threads)

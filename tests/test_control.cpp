@@ -10,8 +10,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstring>
+#include <functional>
+#include <thread>
 #include <fstream>
 #include <sstream>
 
@@ -139,6 +143,9 @@ TEST(ControlWords, Commands)
         {{"counters", "--json"}, nullptr},
         {{"events"}, nullptr},
         {{"events", "json"}, "events: usage: events [--json]"},
+        {{"monitor"}, nullptr},
+        {{"monitor", "--json"}, nullptr},
+        {{"monitor", "--follow"}, "monitor: usage: monitor [--json]"},
         {{"delete", "198.18.0.23", "10", "02:00:00:00:00:03"}, nullptr},
         {{"delete", "198.18.0.23", "10"}, "delete: usage: delete IP VLAN MAC"},
         {{"delete", "198.18.0.23", "4095", "02:00:00:00:00:03"},
@@ -157,8 +164,8 @@ TEST(ControlWords, Commands)
         {{"debug-level", "2"}, "debug-level: usage: debug-level LEVEL set|clear"},
         {{"debug-level", "7", "set"},
          "LEVEL \"7\": expected 0 to 3, decimal or 0x hex (2 turns on frame dumps)"},
-        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"},
-        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"},
+        {{"reboot"}, "unknown command \"reboot\" (bindings, delete, debug, debug-level, counters, events, latency, status, metrics, monitor)"},
+        {{}, "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics, monitor)"},
         {{"status", "--verbose"}, "status: usage: status [--json]"},
     };
     for (const Case& c : cases) {
@@ -740,6 +747,11 @@ TEST_F(ControlSocket, OnlyRootAndTheDaemonsOwnUserAreServed)
     EXPECT_EQ(ctl({"events"}, out, err), 1);
     EXPECT_EQ(err, "dhcpsnoopctl: user " + std::to_string(geteuid()) +
                        " may not use the control socket (root and the daemon's user only)\n");
+    // A monitor is asked for like any command: refused the same way.
+    EXPECT_EQ(ctl({"monitor"}, out, err), 1);
+    EXPECT_EQ(err, "dhcpsnoopctl: user " + std::to_string(geteuid()) +
+                       " may not use the control socket (root and the daemon's user only)\n");
+    EXPECT_EQ(server->monitors().clients(), 0u);
     EXPECT_EQ(out, "");
 }
 
@@ -820,7 +832,7 @@ TEST_F(ControlSocket, RawRequestWithoutNewlineAndControlCharacters)
     for (auto c : std::vector<std::pair<std::string, std::string>>{
              {"events --json", "ok\n[]\n"},
              {"events\x01", "error\nrequest with a control character"},
-             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)"}}) {
+             {"", "error\nno command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics, monitor)"}}) {
         int fd = connectRaw();
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, c.first.data(), c.first.size(), MSG_NOSIGNAL), (ssize_t)c.first.size());
@@ -868,6 +880,164 @@ TEST_F(ControlSocket, AClientThatLeavesEarlyDoesNotHurtTheServer)
     std::string out, err;
     EXPECT_EQ(ctl({"events"}, out, err), 0) << err;
     EXPECT_EQ(out.size(), 20000u * 126u);
+}
+
+// ---- monitors ---------------------------------------------------------------------
+
+live::MonitorEvent monitorEvent(uint8_t n)
+{
+    live::MonitorEvent e;
+    e.kind = live::MonitorEvent::BindingAdded;
+    e.unixMs = 1795383601123ull;
+    e.ip = {198, 18, 0, n};
+    e.mac = {2, 0, 0, 0, 0, n};
+    e.vlan = 10;
+    e.port = "1/0/3";
+    e.lease = 60;
+    e.cause = "ACK";
+    return e;
+}
+
+bool waitFor(const std::function<bool()>& f, int ms = 5000)
+{
+    for (int i = 0; i < ms / 10; ++i) {
+        if (f())
+            return true;
+        usleep(10 * 1000);
+    }
+    return f();
+}
+
+// Reads one line within a time (no newline: what came).
+std::string readLine(int fd, int ms = 5000)
+{
+    std::string line;
+    char c;
+    while (line.empty() || line.back() != '\n') {
+        struct pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, ms) != 1 || recv(fd, &c, 1, 0) != 1)
+            break;
+        line += c;
+    }
+    return line;
+}
+
+TEST_F(ControlSocket, MonitorsGetEventsAsTheyHappenUntilTheDaemonStops)
+{
+    serve();
+    int text = connectRaw();
+    int json = connectRaw();
+    ASSERT_GE(text, 0);
+    ASSERT_GE(json, 0);
+    ASSERT_EQ(send(text, "monitor\n", 8, MSG_NOSIGNAL), 8);
+    ASSERT_EQ(send(json, "monitor --json\n", 15, MSG_NOSIGNAL), 15);
+    EXPECT_EQ(readLine(text), "ok\n");
+    EXPECT_EQ(readLine(json), "ok\n");
+    ASSERT_TRUE(waitFor([&] { return server->monitors().clients() == 2; }));
+    for (uint8_t n : {23, 24}) {
+        server->monitors().publish(monitorEvent(n));
+        // Each as it happens, not at the end of anything.
+        EXPECT_EQ(readLine(text), ctl::monitorLine(monitorEvent(n), false));
+        EXPECT_EQ(readLine(json), ctl::monitorLine(monitorEvent(n), true));
+    }
+    // Other commands are served meanwhile.
+    std::string out, err;
+    EXPECT_EQ(ctl({"events"}, out, err), 0) << err;
+    server->stop();
+    char c;
+    EXPECT_EQ(recv(text, &c, 1, 0), 0) << "the stream ends with the daemon";
+    EXPECT_EQ(recv(json, &c, 1, 0), 0);
+    close(text);
+    close(json);
+}
+
+TEST_F(ControlSocket, CtlMonitorCopiesTheLinesUntilTheDaemonEndsThem)
+{
+    serve();
+    int rc = -1;
+    std::string out, err;
+    std::thread t([&] { rc = ctl({"monitor", "--json"}, out, err); });
+    ASSERT_TRUE(waitFor([&] { return server->monitors().clients() == 1; }));
+    server->monitors().publish(monitorEvent(23));
+    live::MonitorEvent gone = monitorEvent(23);
+    gone.kind = live::MonitorEvent::BindingRemoved;
+    gone.cause = "RELEASE";
+    server->monitors().publish(gone);
+    usleep(300 * 1000);
+    server->stop();
+    t.join();
+    EXPECT_EQ(rc, 2);
+    EXPECT_EQ(out, ctl::monitorLine(monitorEvent(23), true) + ctl::monitorLine(gone, true));
+    EXPECT_EQ(err, "dhcpsnoopctl: the daemon ended the monitor\n");
+}
+
+TEST_F(ControlSocket, MonitorsAreLimitedAndTheirPlacesComeBack)
+{
+    serve();
+    std::vector<int> fds;
+    for (size_t i = 0; i < ctl::kMonitorsMax; ++i) {
+        int fd = connectRaw();
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(send(fd, "monitor\n", 8, MSG_NOSIGNAL), 8);
+        EXPECT_EQ(readLine(fd), "ok\n");
+        fds.push_back(fd);
+    }
+    std::string out, err;
+    EXPECT_EQ(ctl({"monitor"}, out, err), 1);
+    EXPECT_EQ(err, "dhcpsnoopctl: monitor: " + std::to_string(ctl::kMonitorsMax) +
+                       " monitors are connected already\n");
+    close(fds.back());
+    fds.pop_back();
+    ASSERT_TRUE(waitFor([&] { return server->monitors().clients() == ctl::kMonitorsMax - 1; }));
+    int fd = connectRaw();
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(send(fd, "monitor --json\n", 15, MSG_NOSIGNAL), 15);
+    EXPECT_EQ(readLine(fd), "ok\n");
+    fds.push_back(fd);
+    for (int f : fds)
+        close(f);
+    ASSERT_TRUE(waitFor([&] { return server->monitors().clients() == 0; }));
+}
+
+TEST_F(ControlSocket, AMonitorThatDoesNotReadNeverHoldsTheDaemon)
+{
+    serve();
+    int stuck = connectRaw();
+    ASSERT_GE(stuck, 0);
+    ASSERT_EQ(send(stuck, "monitor\n", 8, MSG_NOSIGNAL), 8);
+    ASSERT_TRUE(waitFor([&] { return server->monitors().clients() == 1; }));
+    auto t0 = std::chrono::steady_clock::now();
+    const int kEvents = 20000;
+    for (int i = 0; i < kEvents; ++i)
+        server->monitors().publish(monitorEvent((uint8_t)i));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    std::string out, err;
+    EXPECT_EQ(ctl({"events"}, out, err), 0) << "commands are still served";
+    // Read late: lines and the lost count add up to everything published.
+    std::string text;
+    uint64_t lines = 0, lost = 0;
+    while (lines + lost < (uint64_t)kEvents) {
+        std::string l = readLine(stuck, 2000);
+        if (l.empty())
+            break;
+        if (l == "ok\n")
+            continue;
+        size_t p = l.find(" lost ");
+        if (p != std::string::npos)
+            lost += std::stoull(l.substr(p + 6));
+        else
+            ++lines;
+    }
+    EXPECT_GT(lost, 0u);
+    EXPECT_EQ(lines + lost, (uint64_t)kEvents);
+    close(stuck);
+}
+
+TEST_F(ControlSocket, AMonitorRequestOnTheOneShotPathIsRefused)
+{
+    ctl::Reply r = ctl::runCommand({"monitor"}, FakeBackend().backend());
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.body, "monitor: only over a connection of its own (dhcpsnoopctl monitor)");
 }
 
 #ifdef DHCPSNOOP_CTL_TOOL

@@ -137,6 +137,77 @@ TEST(Metrics, EveryFamilyHasHelpAndType)
     EXPECT_EQ(m.back(), '\n');
 }
 
+live::Occupancy someOccupancy()
+{
+    live::Occupancy o;
+    o.pendingRequests = 3;
+    o.pendingByPort["1/0/3"] = 3;
+    o.pendingByPort["1/0/1"] = 0;
+    o.elementsInUse = 5;
+    o.elementPool = 1024;
+    o.packetBuffersInUse = 1;
+    o.packetPool = 256;
+    o.mainQueueWaiting = 2;
+    o.mainQueueCapacity = 512;
+    return o;
+}
+
+live::LatencyDistribution someLatency()
+{
+    live::LatencyDistribution l;
+    l.boundsSec = {1e-5, 2.5e-5, 1e-3, 1.0};
+    l.atMost = {1, 4, 6, 6};
+    l.count = 7;  // one slower than a second
+    l.sumSec = 2.000125;
+    return l;
+}
+
+TEST(Metrics, PendingRequestsPoolsAndQueue)
+{
+    live::Occupancy o = someOccupancy();
+    ctl::MetricExtras x;
+    x.occupancy = &o;
+    std::string m = ctl::metricsText(twoPorts(), {}, 0, x);
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_pending_requests 3")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_port_pending_requests{port=\"1/0/3\",interface=\"sw3\"} 3")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_port_pending_requests{port=\"1/0/1\",interface=\"sw1\"} 0")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_element_pool_in_use 5")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_element_pool_size 1024")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_packet_pool_in_use 1")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_packet_pool_size 256")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_main_queue_depth 2")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_main_queue_capacity 512")) << m;
+    EXPECT_TRUE(hasLine(m, "# TYPE dhcpsnoop_main_queue_depth gauge")) << m;
+}
+
+TEST(Metrics, LatencyIsAHistogramInSeconds)
+{
+    live::LatencyDistribution l = someLatency();
+    ctl::MetricExtras x;
+    x.latency = &l;
+    std::string m = ctl::metricsText({}, {}, 0, x);
+    EXPECT_TRUE(hasLine(m, "# TYPE dhcpsnoop_trap_to_transmit_seconds histogram")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_bucket{le=\"1e-05\"} 1")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_bucket{le=\"2.5e-05\"} 4")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_bucket{le=\"0.001\"} 6")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_bucket{le=\"1\"} 6")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_bucket{le=\"+Inf\"} 7")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_sum 2.000125")) << m;
+    EXPECT_TRUE(hasLine(m, "dhcpsnoop_trap_to_transmit_seconds_count 7")) << m;
+    // Without the daemon's figures the families are left out, not zero.
+    std::string none = ctl::metricsText({}, {}, 0);
+    EXPECT_EQ(none.find("trap_to_transmit"), std::string::npos) << none;
+    EXPECT_EQ(none.find("pending_requests"), std::string::npos) << none;
+}
+
+TEST(Metrics, NumbersAsTheTextFormatWritesThem)
+{
+    EXPECT_EQ(ctl::metricNumber(5e-6), "5e-06");
+    EXPECT_EQ(ctl::metricNumber(0.25), "0.25");
+    EXPECT_EQ(ctl::metricNumber(1.0), "1");
+    EXPECT_EQ(ctl::metricNumber(1.0 / 0.0), "+Inf");
+}
+
 TEST(Metrics, CommandTakesNoArguments)
 {
     ctl::Command c;
@@ -163,6 +234,13 @@ TEST(Metrics, CommandAnswersFromTheBackend)
     ASSERT_TRUE(r.ok) << r.body;
     EXPECT_TRUE(hasLine(r.body, "dhcpsnoop_bindings{vlan=\"10\"} 1")) << r.body;
     EXPECT_TRUE(hasLine(r.body, "dhcpsnoop_system_log_entries 2")) << r.body;
+    EXPECT_EQ(r.body.find("dhcpsnoop_pending_requests"), std::string::npos) << "no occupancy without its source";
+    b.occupancy = someOccupancy;
+    b.latencyDistribution = someLatency;
+    r = ctl::runCommand({"metrics"}, b);
+    ASSERT_TRUE(r.ok) << r.body;
+    EXPECT_TRUE(hasLine(r.body, "dhcpsnoop_main_queue_depth 2")) << r.body;
+    EXPECT_TRUE(hasLine(r.body, "dhcpsnoop_trap_to_transmit_seconds_count 7")) << r.body;
 
     b.bindings = [](std::vector<ctl::Binding>&, std::string& error) {
         error = "the module is not running";
@@ -190,7 +268,13 @@ TEST(Metrics, PromtoolAcceptsTheText)
     ports.push_back(odd);
     live::SaveStatus save;
     save.savesCompleted = 3;
-    std::ofstream(path) << ctl::metricsText(ports, bindings({10, 20}), 4, &save);
+    live::Occupancy occupancy = someOccupancy();
+    live::LatencyDistribution latency = someLatency();
+    ctl::MetricExtras extras;
+    extras.save = &save;
+    extras.occupancy = &occupancy;
+    extras.latency = &latency;
+    std::ofstream(path) << ctl::metricsText(ports, bindings({10, 20}), 4, extras);
     std::string cmd = tool + " check metrics < " + path + " > " + path + ".out 2>&1";
     int rc = system(cmd.c_str());
     std::ifstream in(std::string(path) + ".out");

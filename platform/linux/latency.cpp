@@ -43,6 +43,7 @@ void LatencyHistogram::record(uint64_t ns)
     ++buckets_[bucketOf(ns)];
     ++count_;
     max_ = std::max(max_, ns);
+    sum_ += ns;
 }
 
 void LatencyHistogram::clear()
@@ -50,6 +51,16 @@ void LatencyHistogram::clear()
     buckets_.fill(0);
     count_ = 0;
     max_ = 0;
+    sum_ = 0;
+}
+
+uint64_t LatencyHistogram::countAtMost(uint64_t ns) const
+{
+    uint64_t n = 0;
+    // upperNs is the first value past the bucket.
+    for (size_t b = 0; b < kBuckets && upperNs(b) <= ns + 1; ++b)
+        n += buckets_[b];
+    return n;
 }
 
 uint64_t LatencyHistogram::quantileNs(double q) const

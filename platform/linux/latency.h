@@ -16,6 +16,10 @@ public:
     void clear();
     uint64_t count() const { return count_; }
     uint64_t maxNs() const { return max_; }
+    uint64_t sumNs() const { return sum_; }
+    // Values recorded in buckets that end at or below ns: those certainly
+    // no longer than ns (a bucket across ns counts above it).
+    uint64_t countAtMost(uint64_t ns) const;
     // The upper end of the bucket holding the q-th fraction (0 < q <= 1) of
     // the values recorded; 0 when there are none.
     uint64_t quantileNs(double q) const;
@@ -29,6 +33,7 @@ private:
     std::array<uint64_t, kBuckets> buckets_{};
     uint64_t count_ = 0;
     uint64_t max_ = 0;
+    uint64_t sum_ = 0;
 };
 
 }  // namespace live

@@ -4,7 +4,9 @@
 // same library implements.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -108,7 +110,59 @@ struct Latency {
 // clear: start counting again after this read.
 Latency latency(bool clear = false);
 
+// The same frames since start (never cleared) as a histogram: at each bound
+// (seconds), the frames certainly no slower than it. The bucket edges are
+// 1/16 of a power of two apart: a frame within that of a bound may be
+// counted at the next one.
+struct LatencyDistribution {
+    std::vector<double> boundsSec;
+    std::vector<uint64_t> atMost;  // cumulative, one per bound
+    uint64_t count = 0;
+    double sumSec = 0;
+};
+LatencyDistribution latencyDistribution();
+
+// How full the module's and the platform's fixed resources are now.
+struct Occupancy {
+    // Requests the module holds for an answer: in all, and per port name.
+    uint32_t pendingRequests = 0;
+    std::map<std::string, uint32_t> pendingByPort;
+    uint32_t elementsInUse = 0;  // the module's pool of binding elements
+    uint32_t elementPool = 0;
+    uint32_t packetBuffersInUse = 0;  // trapped frames held
+    uint32_t packetPool = 0;
+    uint32_t mainQueueWaiting = 0;  // records in the module's main queue
+    uint32_t mainQueueCapacity = 0;
+};
+Occupancy occupancy();
+
 void setDebug(bool on);
 bool debug();
+
+// Live events for `dhcpsnoopctl monitor`: binding changes with their cause,
+// rate-limit entries, dropped DHCP frames.
+struct MonitorEvent {
+    enum Kind { BindingAdded, BindingRemoved, RateLimit, Drop };
+    Kind kind = Drop;
+    uint64_t unixMs = 0;
+    std::array<uint8_t, 4> ip{};   // bindings
+    std::array<uint8_t, 6> mac{};  // bindings; a drop: the frame's source
+    uint16_t vlan = 0;             // bindings
+    uint32_t lease = 0;            // an added binding: seconds, 0xFFFFFFFF never ends
+    std::string port;              // "1/0/3"
+    // Bindings: ACK, RELEASE, DECLINE, NAK (the frame that made the change),
+    // aging, delete (the operator's), stack (another unit), file (the
+    // binding file read at start), configuration.
+    std::string cause;
+    // A drop: the reason it is counted under; a rate limit: DHCP or DECLINE.
+    std::string reason;
+};
+// Called on the thread of the event (module tasks, receive threads): it must
+// neither block nor call back into the platform. One sink at a time; an
+// empty one stops the calls, also those under way when it returns.
+using MonitorSink = std::function<void(const MonitorEvent&)>;
+void setMonitorSink(MonitorSink sink);
+// Events are composed only while someone listens.
+void setMonitoring(bool on);
 
 }  // namespace live

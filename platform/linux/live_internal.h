@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/linux/live.h"
 #include "snooping/dhcpSnoop.h"
@@ -85,6 +87,12 @@ uint64_t nowMs();
 void setClock(std::function<uint64_t()> clock);
 
 
+// Trap-to-transmit latency since start, at the bounds asked.
+LatencyDistribution latencyDistribution(const std::vector<double>& boundsSec);
+// Every configured port's handle and name.
+std::vector<std::pair<::up, std::string>> portHandles();
+size_t poolBuffers();
+
 // Leak checks for tests.
 size_t poolBuffersInUse();
 size_t badReleases();
@@ -109,6 +117,9 @@ void setDataDir(const std::string& dir);
 // The number of records waiting in a named queue, and whether its consumer
 // is still working on the last record it took.
 bool queueIdle(const char* name);
+// Records waiting in the named queue and its capacity; false when there is
+// no such queue.
+bool queueDepth(const char* name, uint32_t* waiting, uint32_t* capacity);
 // Posts one record to the named queue without waiting; false when full.
 bool postByName(const char* name, const void* record, uint32_t size);
 // Marks the switch application as started (isSwitchInited).
@@ -192,4 +203,22 @@ private:
 constexpr uint32_t kErrorLinesPerSecond = 20;
 
 }  // namespace logging
+
+namespace monitor {
+
+// Whether anyone listens: everything below is skipped when not.
+bool active();
+// The main task took this record of its queue: the cause of the binding
+// changes it makes until the next.
+void mainRecord(const void* record, uint32_t size);
+// A runtime record of the module (a binding filed or removed).
+void bindingRecord(const uint8_t* record, uint32_t len);
+// A DHCP frame that left on no port, and the rate-limit entries.
+void drop(const std::string& port, const std::string& reason, const uint8_t* frame, size_t len);
+void rateLimit(const std::string& port, bool decline);
+// The DHCP message type (option 53) of an Ethernet frame, untagged or with
+// one 802.1Q tag; 0 when it has none or is not a DHCP frame over IPv4/UDP.
+uint8_t dhcpMessageType(const uint8_t* frame, size_t len);
+
+}  // namespace monitor
 }  // namespace live

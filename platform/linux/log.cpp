@@ -272,12 +272,11 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
         tmpl = kLogLoadFail;
         break;
     case DHCP_SNOOP_LOG_RATE_OVERFLOW:
-        tmpl = kLogRateOverflow;
-        arg1Text = true;
-        break;
     case DHCP_SNOOP_LOG_DECLINE_OVERFLOW:
-        tmpl = kLogDeclineOverflow;
+        tmpl = code == DHCP_SNOOP_LOG_RATE_OVERFLOW ? kLogRateOverflow : kLogDeclineOverflow;
         arg1Text = true;
+        if (live::monitor::active() && a1)
+            live::monitor::rateLimit(reinterpret_cast<const char*>(a1), code == DHCP_SNOOP_LOG_DECLINE_OVERFLOW);
         break;
     default:
         break;

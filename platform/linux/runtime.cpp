@@ -488,6 +488,7 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
     // The main task's lines from here on are about this record only.
     if (live::logging::onMainTask()) {
         live::logging::startMainRecord(backlog);
+        live::monitor::mainRecord(buffer, n);
         if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
             payWakes();
     }
@@ -662,6 +663,25 @@ bool queueIdle(const char* name)
         if (q->count > 0 || q->consumerBusy)
             return false;
     }
+    return true;
+}
+
+bool queueDepth(const char* name, uint32_t* waiting, uint32_t* capacity)
+{
+    // Queues are never deleted: the one made last is the one in use.
+    Queue* found = nullptr;
+    for (size_t i = 0;; ++i) {
+        Queue* q = queueOf((PalMsgQ)(i + 1));
+        if (!q)
+            break;
+        if (q->name == name)
+            found = q;
+    }
+    if (!found)
+        return false;
+    std::lock_guard<std::mutex> lk(found->m);
+    *waiting = found->count;
+    *capacity = found->depth;
     return true;
 }
 

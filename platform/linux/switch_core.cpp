@@ -156,6 +156,8 @@ struct Core {
     live::trap::Admission admission;
     // Trap to first transmission of the frames the module sent on.
     live::LatencyHistogram latency;
+    // The same since start, never cleared: the metrics' histogram.
+    live::LatencyHistogram latencyTotal;
     // The bridge data plane's, when it runs.
     FdbLookup kernelFdb;
     GuardChange guardChange;
@@ -719,6 +721,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         PortState& p = c.ports[rx];
         if (len > kPoolBufferSize) {
             ++p.trapDrops[kTooLong];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[kTooLong], f, len);
             return;
         }
         uint64_t now = c.clock ? c.clock() : steadyMs();
@@ -726,10 +730,14 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         if (v == live::trap::Verdict::Admit && c.freeSlots.empty()) {
             c.admission.released(rx);
             ++p.trapDrops[kPoolFull];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[kPoolFull], f, len);
             return;
         }
         if (v != live::trap::Verdict::Admit) {
             ++p.trapDrops[dropOf(v)];
+            if (live::monitor::active())
+                live::monitor::drop(p.cfg.name, kTrapDropText[dropOf(v)], f, len);
             if (v != live::trap::Verdict::PendingRequests ||
                 (p.pendingReported && now - p.pendingReportedMs < kPendingReportMs))
                 return;
@@ -779,6 +787,8 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
         c.freeSlots.push_back(s);
         c.admission.released(rx);
         ++p.trapDrops[kQueueFull];
+        if (live::monitor::active())
+            live::monitor::drop(p.cfg.name, kTrapDropText[kQueueFull], f, len);
         return;
     }
     ++p.counters.trapped;
@@ -851,6 +861,7 @@ bool setUp(const swcfg::SwitchConfig& cfg, const Options& opt, Transmit tx, std:
     applyConfig(c, cfg);
     c.admission.setUp(cfg.ports.size(), admissionLimits(cfg));
     c.latency.clear();
+    c.latencyTotal.clear();
     c.haveFallbackMac = false;
     c.stk = StackRegs();
     if (!c.clock)
@@ -989,6 +1000,37 @@ void setClock(std::function<uint64_t()> clock)
     Core& c = core();
     Guard g(c.lock);
     c.clock = clock ? std::move(clock) : std::function<uint64_t()>(steadyMs);
+}
+
+LatencyDistribution latencyDistribution(const std::vector<double>& boundsSec)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    LatencyDistribution d;
+    for (double b : boundsSec) {
+        d.boundsSec.push_back(b);
+        d.atMost.push_back(c.latencyTotal.countAtMost((uint64_t)(b * 1e9 + 0.5)));
+    }
+    d.count = c.latencyTotal.count();
+    d.sumSec = (double)c.latencyTotal.sumNs() / 1e9;
+    return d;
+}
+
+std::vector<std::pair<::up, std::string>> portHandles()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    std::vector<std::pair<::up, std::string>> out;
+    for (const PortState& p : c.ports)
+        out.emplace_back(p.cfg.handle, p.cfg.name);
+    return out;
+}
+
+size_t poolBuffers()
+{
+    Core& c = core();
+    Guard g(c.lock);
+    return c.slots.size();
 }
 
 size_t poolBuffersInUse()
@@ -1463,8 +1505,11 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
                     out.add(c, i, vid);
         }
         if (slot) {
-            if (slot->sends == 0 && out.n > 0)
-                c.latency.record(live::core::steadyNs() - slot->trapNs);
+            if (slot->sends == 0 && out.n > 0) {
+                uint64_t ns = live::core::steadyNs() - slot->trapNs;
+                c.latency.record(ns);
+                c.latencyTotal.record(ns);
+            }
             ++slot->sends;
             slot->vid = vid;
         }
@@ -1519,6 +1564,8 @@ void dhcpReleasePacketPool(uint8_t* frame)
         if ((reason == "dropped" || reason == live::logging::kUnnamedDrop) && slot.sends > 0)
             reason = "no egress port";
         ++pc.dropped[reason];
+        if (live::monitor::active())
+            live::monitor::drop(rp.cfg.name, reason, frame, 12);
     }
     slot.inUse = false;
     LIVE_POISON(frame, live::core::kPoolBufferSize);
@@ -1634,8 +1681,10 @@ uint32_t stkGetCurrentUnit(void)
 
 uint32_t stkUsoRuntimeDataSync(uint32_t mid, UsoData* usoData)
 {
-    // No other unit to tell.
+    // No other unit to tell; the monitors hear of the change.
     (void)mid;
+    if (usoData && usoData->data && live::monitor::active())
+        live::monitor::bindingRecord(static_cast<const uint8_t*>(usoData->data), usoData->len);
     return usoData && (usoData->len == 0 || usoData->data) ? 0 : 1;
 }
 

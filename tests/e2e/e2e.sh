@@ -29,7 +29,7 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# smuggle tcp lifecycle flood trap-flood tagged control reload errors, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# smuggle tcp lifecycle flood trap-flood tagged control reload errors monitor, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -62,10 +62,11 @@ case "$plane" in bridge|user) ;; *) usage ;; esac
 [ "$mode" = bridge ] && plane=plain
 # smuggle runs within source-guard and lifecycle within restart (one
 # topology each); on their own they are for a run by hand.
-steps_all=(leases bindings binding-file option82 tagged source-guard tcp flood trap-flood restart release control reload errors)
+steps_all=(leases bindings binding-file option82 tagged source-guard tcp flood trap-flood restart release control reload errors
+  monitor)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|smuggle|tcp|lifecycle|flood|trap-flood|control|reload|errors)
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|smuggle|tcp|lifecycle|flood|trap-flood|control|reload|errors|monitor)
     run_steps=("$step") ;;
   *) usage ;;
 esac
@@ -903,6 +904,60 @@ step_errors() {
     --control "$d/nobody.sock"
   fi
   check "the running daemon is untouched" ctl_cmd bindings
+}
+
+# monitor_line FILE PATTERN: FILE holds a line matching the extended regex.
+monitor_line() { grep -qE -- "$2" "$1"; }
+# Every line of FILE is one JSON object.
+all_json() { python3 -c 'import json, sys; [json.loads(l) for l in open(sys.argv[1])]' "$1"; }
+no_lost_line() { ! grep -q 'lost' "$1"; }
+has_lines() { [ -s "$1" ]; }
+
+step_monitor() {
+  daemon_only "dhcpsnoopctl monitor shows a lease leaving and arriving, and a drop" || return 0
+  check "client A is bound before the monitors start" until_ok 5 bound_on "$mac_a" 1/0/3
+  ctl_cmd monitor >"$work/monitor.txt" 2>"$work/monitor.err" &
+  local mon_text=$!
+  ctl_cmd monitor --json >"$work/monitor.json" 2>"$work/monitor-json.err" &
+  local mon_json=$!
+  pids+=("$mon_text" "$mon_json")
+  # Their requests are taken at once; nothing to see before an event.
+  sleep 1
+  local ip
+  ip=$(client_ip "$ns_a")
+  # A's RELEASE (udhcpc unicasts it: the server's MAC is given), then a
+  # new lease from the start (DISCOVER, the rogue's OFFER dropped, ACK).
+  in_ns "$ns_a" ip neigh replace "$ip_srv" lladdr "$mac_srv" nud permanent dev eth0
+  kill -USR2 "$udhcpc_pid"
+  local gone="binding removed ${ip//./\\.} mac $mac_a vlan $vlan port 1/0/3 cause RELEASE\$"
+  check "monitor: client A's binding leaves with its RELEASE" wait_for 10 monitor_line "$work/monitor.txt" "$gone"
+  kill -USR1 "$udhcpc_pid"
+  check "client A leases again" wait_for 15 has_lease "$ns_a"
+  ip=$(client_ip "$ns_a")
+  local came="binding added ${ip//./\\.} mac $mac_a vlan $vlan port 1/0/3 lease [0-9]+ cause ACK\$"
+  check "monitor: client A's binding arrives with the ACK" wait_for 10 monitor_line "$work/monitor.txt" "$came"
+  check "monitor: the rogue server's OFFER is a drop of 1/0/2" wait_for 10 monitor_line "$work/monitor.txt" \
+    " drop port 1/0/2 mac $mac_rogue reason untrusted server message\$"
+  check "monitor: every line starts with its time" monitor_line "$work/monitor.txt" "^[0-9]{4}-[0-9]{2}-[0-9]{2}T"
+  local j='"mac":"'$mac_a'","vlan":'$vlan',"port":"1/0/3"'
+  check "monitor --json: the RELEASE" wait_for 10 monitor_line "$work/monitor.json" \
+    '"event":"binding-removed",.*'"$j"',"cause":"RELEASE"'
+  check "monitor --json: the ACK" wait_for 10 monitor_line "$work/monitor.json" \
+    '"event":"binding-added","ip":"'"${ip//./\\.}"'",'"$j"',"lease":[0-9]+,"cause":"ACK"'
+  check "monitor --json: the drop" wait_for 10 monitor_line "$work/monitor.json" \
+    '"event":"drop","port":"1/0/2","mac":"'$mac_rogue'","reason":"untrusted server message"'
+  check "monitor --json: one JSON object a line" all_json "$work/monitor.json"
+  check "the monitors lost nothing" no_lost_line "$work/monitor.txt"
+  check "the monitors are still running" kill -0 "$mon_text" "$mon_json"
+  # They run until stopped (a script's background jobs ignore SIGINT).
+  kill -TERM "$mon_text" "$mon_json"
+  wait "$mon_text" "$mon_json" 2>/dev/null
+  check "monitor wrote nothing on standard error" same "$(cat "$work/monitor.err" "$work/monitor-json.err")" ""
+  local p kept=()
+  for p in "${pids[@]}"; do [ "$p" = "$mon_text" ] || [ "$p" = "$mon_json" ] || kept+=("$p"); done
+  pids=("${kept[@]}")
+  echo "  info  monitor: $(wc -l <"$work/monitor.txt") lines; $(grep -c ' drop ' "$work/monitor.txt") drops"
+  [ "${#failures[@]}" -eq 0 ] || sed 's/^/  monitor| /' "$work/monitor.txt" | head -20
 }
 
 echo "== e2e ($mode, data plane $plane): ${run_steps[*]}"

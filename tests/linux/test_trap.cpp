@@ -331,6 +331,27 @@ TEST(TrapLatency, PercentilesAndMaximum)
     EXPECT_EQ(h.count(), 0u);
 }
 
+TEST(TrapLatency, CountsAtMostABoundAndTheSum)
+{
+    live::LatencyHistogram h;
+    h.record(10);
+    h.record(9999);
+    h.record(10000);
+    h.record(2000000);
+    EXPECT_EQ(h.sumNs(), 10u + 9999u + 10000u + 2000000u);
+    EXPECT_EQ(h.countAtMost(9), 0u);
+    EXPECT_EQ(h.countAtMost(10), 1u);
+    // A bucket that reaches past the bound is counted above it: never more
+    // than the values at most the bound.
+    EXPECT_LE(h.countAtMost(9999), 2u);
+    EXPECT_GE(h.countAtMost(9999), 1u);
+    EXPECT_EQ(h.countAtMost(10000 + 10000 / 16 + 1), 3u);
+    EXPECT_EQ(h.countAtMost(1000000000), 4u);
+    h.clear();
+    EXPECT_EQ(h.sumNs(), 0u);
+    EXPECT_EQ(h.countAtMost(1000000000), 0u);
+}
+
 }  // namespace
 
 TEST_F(Trap, ASentFrameIsTimedOnceFromTheTrapToItsFirstTransmission)
@@ -354,4 +375,38 @@ TEST_F(Trap, ASentFrameIsTimedOnceFromTheTrapToItsFirstTransmission)
     dhcpReleasePacketPool(m.packet.frame);
     EXPECT_EQ(live::latency(true).frames, 1u);
     EXPECT_EQ(live::latency(false).frames, 0u);
+}
+
+TEST_F(Trap, MetricsSeeThePoolTheQueueAndTheLatencySinceStart)
+{
+    uint64_t before = live::latencyDistribution().count;
+    discovers("1/0/2", 2, 1);
+    discovers("1/0/3", 3, 1);
+    live::Occupancy o = live::occupancy();
+    EXPECT_EQ(o.mainQueueWaiting, 2u);
+    EXPECT_GT(o.mainQueueCapacity, o.mainQueueWaiting);
+    EXPECT_EQ(o.packetBuffersInUse, 2u);
+    EXPECT_GT(o.packetPool, 2u);
+    EXPECT_EQ(o.pendingByPort.count("1/0/2"), 1u) << "every port named, pending or not";
+    DhcpSnoopMsg m;
+    memset(&m, 0, sizeof m);
+    ASSERT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m);
+    m.packet.sendFlags = SEND_FLAG_TX | SEND_FLAG_FLOOD;
+    ASSERT_EQ(norvikPacketSend(&m.packet), 0u);
+    dhcpReleasePacketPool(m.packet.frame);
+    ASSERT_EQ(pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr), (int32_t)sizeof m);
+    dhcpReleasePacketPool(m.packet.frame);
+    o = live::occupancy();
+    EXPECT_EQ(o.mainQueueWaiting, 0u);
+    EXPECT_EQ(o.packetBuffersInUse, 0u);
+    // Clearing the latency command's figures leaves the histogram alone.
+    live::latency(true);
+    live::LatencyDistribution d = live::latencyDistribution();
+    EXPECT_EQ(d.count, before + 1);
+    ASSERT_FALSE(d.atMost.empty());
+    EXPECT_EQ(d.atMost.size(), d.boundsSec.size());
+    for (size_t i = 1; i < d.atMost.size(); ++i)
+        EXPECT_GE(d.atMost[i], d.atMost[i - 1]);
+    EXPECT_LE(d.atMost.back(), d.count);
+    EXPECT_GT(d.sumSec, 0.0);
 }

@@ -8,7 +8,8 @@
 #     nothing inheritable or ambient, no_new_privs set;
 #   - switch the client's lease and learn its binding (dhcpsnoopctl as root),
 #     which its metrics show, from dhcpsnoopctl and over HTTP (--metrics),
-#     checked by promtool where it is found;
+#     with the module's pools, pending requests, main queue and the
+#     trap-to-transmit histogram, checked by promtool where it is found;
 #   - save the binding file as that user in the data directory root made;
 #   - re-read its configuration on SIGHUP;
 #   - stop with exit 0 on SIGTERM and remove its control socket;
@@ -176,6 +177,24 @@ wait_for 10 has_binding || fail "no binding of $ip_cli in dhcpsnoopctl bindings"
 grep -qx 'dhcpsnoop_bindings{vlan="10"} 1' "$work/metrics.txt" || fail "metrics: not one binding in VLAN 10"
 grep -q '^dhcpsnoop_port_dhcp_forwarded_total{port="1/0/1",interface="sw1"} [1-9]' "$work/metrics.txt" ||
   fail "metrics: no DHCP frame forwarded from the server's port"
+# The module's and the platform's occupancy, and the latency histogram of
+# the frames so far (the lease's own among them).
+occupancy() {
+  local f=$1 what=$2 re
+  for re in '^dhcpsnoop_pending_requests [0-9]+$' \
+    '^dhcpsnoop_port_pending_requests\{.*port="1/0/2".*\} [0-9]+$' \
+    '^dhcpsnoop_element_pool_in_use [1-9][0-9]*$' '^dhcpsnoop_element_pool_size 1024$' \
+    '^dhcpsnoop_packet_pool_in_use [0-9]+$' '^dhcpsnoop_packet_pool_size [1-9][0-9]*$' \
+    '^dhcpsnoop_main_queue_depth [0-9]+$' '^dhcpsnoop_main_queue_capacity [1-9][0-9]*$' \
+    '^# TYPE dhcpsnoop_trap_to_transmit_seconds histogram$' \
+    '^dhcpsnoop_trap_to_transmit_seconds_bucket\{.*le="0.001".*\} [0-9]+$' \
+    '^dhcpsnoop_trap_to_transmit_seconds_bucket\{.*le="\+Inf".*\} [1-9][0-9]*$' \
+    '^dhcpsnoop_trap_to_transmit_seconds_sum [0-9.e+-]+$' \
+    '^dhcpsnoop_trap_to_transmit_seconds_count [1-9][0-9]*$'; do
+    grep -qE -- "$re" "$f" || fail "$what: no line matching $re"
+  done
+}
+occupancy "$work/metrics.txt" "dhcpsnoopctl metrics"
 promtool=${DHCPSNOOP_PROMTOOL:-$(command -v promtool)}
 if [ -n "$promtool" ]; then
   "$promtool" check metrics <"$work/metrics.txt" || fail "promtool check metrics"
@@ -189,6 +208,7 @@ sys.stdout.write(urllib.request.urlopen("http://127.0.0.1:9817/metrics", timeout
   grep -q '^dhcpsnoop_bindings{vlan="10"} 1' "$work/scrape.txt" || fail "/metrics: not one binding in VLAN 10"
   grep -q '^dhcpsnoop_port_dhcp_forwarded_total{.*port="1/0/1".*} [1-9]' "$work/scrape.txt" ||
     fail "/metrics: no DHCP frame forwarded from the server's port"
+  occupancy "$work/scrape.txt" /metrics
   if [ -n "$promtool" ]; then
     "$promtool" check metrics <"$work/scrape.txt" || fail "promtool check metrics of /metrics"
   fi

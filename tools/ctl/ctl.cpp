@@ -18,6 +18,7 @@ const char* const kUsage =
     "  latency [--json] [--clear]   trapped frames from the trap to their transmission: p50, p99, max\n"
     "  status [--json]              the binding file: saving or stopped, saves, failures, last good copy\n"
     "  metrics                      counters and bindings for Prometheus (text exposition)\n"
+    "  monitor [--json]             binding changes, rate limits and drops as they happen, until interrupted\n"
     "SOCKET defaults to /run/dhcpsnoop/dhcpsnoopd.sock.\n";
 
 int refuse(std::ostream& err, std::string message)
@@ -62,6 +63,17 @@ int ctlMain(const std::vector<std::string>& args, std::ostream& out, std::ostrea
         return refuse(err, error);
 
     Reply reply;
+    if (cmd.kind == Command::Monitor) {
+        CallResult m = monitor(path, words, out, reply, error);
+        if (m != CallResult::Ok) {
+            err << "dhcpsnoopctl: " << error << "\n";
+            return 2;
+        }
+        if (!reply.ok)
+            return refuse(err, reply.body);
+        err << "dhcpsnoopctl: the daemon ended the monitor\n";
+        return 2;
+    }
     CallResult r = call(path, words, reply, error);
     if (r == CallResult::Unreachable || r == CallResult::BadReply) {
         err << "dhcpsnoopctl: " << error << "\n";

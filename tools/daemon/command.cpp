@@ -148,7 +148,7 @@ bool parseLevel(const std::string& text, uint32_t& level, std::string& error)
 bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::string& error)
 {
     if (words.empty()) {
-        error = "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)";
+        error = "no command (bindings, delete, debug, debug-level, counters, events, latency, status, metrics, monitor)";
         return false;
     }
     const std::string& name = words[0];
@@ -159,10 +159,11 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         error = name + ": usage: " + usage;
         return false;
     };
-    if (name == "bindings" || name == "counters" || name == "events" || name == "status") {
+    if (name == "bindings" || name == "counters" || name == "events" || name == "status" || name == "monitor") {
         c.kind = name == "bindings"   ? Command::Bindings
                  : name == "counters" ? Command::Counters
                  : name == "events"   ? Command::Events
+                 : name == "monitor"  ? Command::Monitor
                                       : Command::Status;
         if (words.size() > 2 || (words.size() == 2 && words[1] != "--json")) {
             error = name + ": usage: " + name + " [--json]";
@@ -210,7 +211,7 @@ bool parseCommand(const std::vector<std::string>& words, Command& cmd, std::stri
         c.set = words[2] == "set";
     } else {
         error = "unknown command " + quoteWord(name) +
-                " (bindings, delete, debug, debug-level, counters, events, latency, status, metrics)";
+                " (bindings, delete, debug, debug-level, counters, events, latency, status, metrics, monitor)";
         return false;
     }
     cmd = c;
@@ -488,6 +489,10 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
     case Command::Status:
         r.body = c.json ? statusJson(backend.saveStatus()) : statusTable(backend.saveStatus());
         break;
+    case Command::Monitor:
+        // The control socket serves it itself: the connection stays open.
+        r.body = "monitor: only over a connection of its own (dhcpsnoopctl monitor)";
+        return r;
     case Command::Metrics: {
         std::vector<Binding> bindings;
         if (!backend.bindings(bindings, error)) {
@@ -495,10 +500,22 @@ Reply runCommand(const std::vector<std::string>& words, const Backend& backend)
             return r;
         }
         live::SaveStatus save;
-        if (backend.saveStatus)
+        live::Occupancy occupancy;
+        live::LatencyDistribution latency;
+        MetricExtras extras;
+        if (backend.saveStatus) {
             save = backend.saveStatus();
-        r.body = metricsText(backend.counters(), bindings, backend.events().size(),
-                             backend.saveStatus ? &save : nullptr);
+            extras.save = &save;
+        }
+        if (backend.occupancy) {
+            occupancy = backend.occupancy();
+            extras.occupancy = &occupancy;
+        }
+        if (backend.latencyDistribution) {
+            latency = backend.latencyDistribution();
+            extras.latency = &latency;
+        }
+        r.body = metricsText(backend.counters(), bindings, backend.events().size(), extras);
         break;
     }
     }

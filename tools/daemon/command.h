@@ -32,7 +32,7 @@ struct Binding {
 };
 
 struct Command {
-    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency, Status, Metrics } kind = Bindings;
+    enum Kind { Bindings, Delete, Debug, DebugLevel, Counters, Events, Latency, Status, Metrics, Monitor } kind = Bindings;
     bool json = false;
     BindingKey key;        // Delete
     bool on = false;       // Debug
@@ -84,6 +84,9 @@ struct Backend {
     // Trap-to-transmit latency of the frames so far; clear: start again.
     std::function<live::Latency(bool clear)> latency;
     std::function<live::SaveStatus()> saveStatus;
+    // For metrics; may be left unset.
+    std::function<live::Occupancy()> occupancy;
+    std::function<live::LatencyDistribution()> latencyDistribution;
 };
 
 // Checks the words again and runs the command.

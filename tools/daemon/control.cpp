@@ -28,6 +28,8 @@ int64_t nowMs()
 int leftMs(int64_t deadline)
 {
     int64_t left = deadline - nowMs();
+    if (left > INT32_MAX)
+        return -1;  // no end: poll waits for ever
     return left < 0 ? 0 : (int)left;
 }
 
@@ -221,6 +223,91 @@ CallResult call(const std::string& path, const std::vector<std::string>& words, 
     return result;
 }
 
+CallResult monitor(const std::string& path, const std::vector<std::string>& words, std::ostream& out,
+                   Reply& reply, std::string& error, int timeoutMs)
+{
+    std::string request;
+    if (!encodeRequest(words, request, error))
+        return CallResult::BadReply;
+    struct sockaddr_un addr;
+    if (!socketAddress(path, addr, error))
+        return CallResult::Unreachable;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        error = sysError("socket");
+        return CallResult::Unreachable;
+    }
+    int64_t deadline = nowMs() + timeoutMs;
+    int rc;
+    while ((rc = connect(fd, (struct sockaddr*)&addr, sizeof addr)) != 0 && (errno == EAGAIN || errno == EINTR) &&
+           leftMs(deadline) > 0)
+        poll(nullptr, 0, 20);
+    if (rc != 0) {
+        error = sysError("cannot reach the daemon at " + path);
+        close(fd);
+        return CallResult::Unreachable;
+    }
+    if (!writeAll(fd, request, -1, deadline)) {
+        error = "cannot reach the daemon at " + path + ": the request was not taken";
+        close(fd);
+        return CallResult::Unreachable;
+    }
+    // The status line within the time; the events then for as long as they come.
+    std::string text;
+    bool streaming = false;
+    CallResult result = CallResult::Unreachable;
+    for (;;) {
+        char buf[4096];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n > 0) {
+            if (streaming) {
+                out.write(buf, n);
+                out.flush();
+                continue;
+            }
+            text.append(buf, (size_t)n);
+            size_t nl = text.find('\n');
+            if (nl == std::string::npos && text.size() < kReplyMax)
+                continue;
+            if (text.compare(0, 3, "ok\n") == 0) {
+                streaming = true;
+                reply.ok = true;
+                if (text.size() > 3) {
+                    out.write(text.data() + 3, (std::streamsize)(text.size() - 3));
+                    out.flush();
+                }
+                text.clear();
+            }
+            // A refusal: read to its end.
+            continue;
+        }
+        if (n == 0) {
+            if (streaming) {
+                reply.body.clear();
+                result = CallResult::Ok;
+            } else {
+                result = decodeReply(text, reply, error) ? CallResult::Ok : CallResult::BadReply;
+            }
+            break;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            int w = waitFor(fd, POLLIN, -1, streaming ? INT64_MAX : deadline);
+            if (w == 1)
+                continue;
+            error = w == 0 ? "the daemon at " + path + " did not answer within " + std::to_string(timeoutMs / 1000) +
+                                 " s"
+                           : sysError("poll");
+        } else {
+            error = sysError("reading from the daemon");
+        }
+        break;
+    }
+    close(fd);
+    return result;
+}
+
 Server::Server()
 {
     allowed_ = {0u, (uint32_t)geteuid()};
@@ -371,6 +458,8 @@ void Server::stop()
         (void)n;
         thread_.join();
     }
+    // Their clients see the end of the stream.
+    monitors_.closeAll();
     if (listenFd_ >= 0) {
         closeFd(listenFd_);
         // Only our own socket file: another daemon may have replaced it.
@@ -387,12 +476,18 @@ void Server::loop()
     // Named for the module's debug lines written on this thread.
     pthread_setname_np(pthread_self(), "control");
     for (;;) {
-        struct pollfd p[2] = {{listenFd_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
-        int n = poll(p, 2, -1);
+        std::vector<struct pollfd> p = {{listenFd_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+        size_t first = 0;
+        monitors_.pollSet(p, &first);
+        // With monitors connected, a stuck one is looked at every second.
+        int n = poll(p.data(), (nfds_t)p.size(), monitors_.clients() > 0 ? 1000 : -1);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 || p[1].revents != 0)
             return;
+        monitors_.service(p, first, nowMs());
+        if (p[0].revents == 0)
+            continue;
         int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
             // Out of descriptors and the like: wait a little rather than spin.
@@ -401,12 +496,12 @@ void Server::loop()
                 return;
             continue;
         }
-        serve(fd);
-        close(fd);
+        if (!serve(fd))
+            close(fd);
     }
 }
 
-void Server::serve(int fd)
+bool Server::serve(int fd)
 {
     int64_t deadline = nowMs() + kClientTimeoutMs;
     std::string text;
@@ -434,7 +529,7 @@ void Server::serve(int fd)
             continue;
         if ((errno == EAGAIN || errno == EWOULDBLOCK) && waitFor(fd, POLLIN, wake_[0], deadline) == 1)
             continue;
-        return;  // error, too slow, or shutting down: no answer
+        return false;  // error, too slow, or shutting down: no answer
     }
     Reply reply;
     std::vector<std::string> words;
@@ -450,9 +545,20 @@ void Server::serve(int fd)
                      " may not use the control socket (root and the daemon's user only)";
     else if (tooLong)
         reply.body = "request longer than " + std::to_string(kRequestMax) + " bytes";
-    else if (decodeRequest(text, words, reply.body))
-        reply = handler_(words);
+    else if (decodeRequest(text, words, reply.body)) {
+        if (!words.empty() && words[0] == "monitor") {
+            // The connection stays: the hub writes the events from here on.
+            Command cmd;
+            if (parseCommand(words, cmd, reply.body) && monitors_.add(fd, cmd.json, reply.body)) {
+                writeAll(fd, "ok\n", wake_[0], nowMs() + kClientTimeoutMs);
+                return true;
+            }
+        } else {
+            reply = handler_(words);
+        }
+    }
     writeAll(fd, encodeReply(reply), wake_[0], nowMs() + kClientTimeoutMs);
+    return false;
 }
 
 }  // namespace ctl

@@ -4,17 +4,21 @@
 // Request: the command's words separated by single blanks, ended by a
 // newline (at most kRequestMax bytes with it). Reply: "ok" or "error" on the
 // first line, then the body; the daemon closes the connection after it.
+// "monitor" is the exception: after its "ok" the connection stays open and
+// the daemon writes its events, one line each (see monitor.h).
 // Plain text on purpose: `echo bindings | socat - UNIX:/run/dhcpsnoop/dhcpsnoopd.sock`
 // works too.
 #pragma once
 
 #include <atomic>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tools/daemon/command.h"
+#include "tools/daemon/monitor.h"
 
 namespace ctl {
 
@@ -36,6 +40,12 @@ enum class CallResult { Ok, Unreachable, BadReply };
 // Sends one request and reads the whole reply, within timeoutMs.
 CallResult call(const std::string& path, const std::vector<std::string>& words, Reply& reply,
                 std::string& error, int timeoutMs = 10000);
+// A monitor request: its status line within timeoutMs, then every line the
+// daemon pushes goes to out (flushed) until the daemon closes the
+// connection. Ok with reply.ok false: refused, reply.body says why; Ok with
+// reply.ok true: the stream ended.
+CallResult monitor(const std::string& path, const std::vector<std::string>& words, std::ostream& out,
+                   Reply& reply, std::string& error, int timeoutMs = 10000);
 
 class Server {
 public:
@@ -59,15 +69,19 @@ public:
     void allowUsers(std::vector<uint32_t> uids) { allowed_ = std::move(uids); }
     // Tests only: runs between the bind and the listen.
     std::function<void()> afterBindForTests;
-    // Serves clients one at a time on a thread of its own.
+    // Serves clients one at a time on a thread of its own; monitors stay
+    // connected and are served beside them.
     bool start(Handler handler, std::string& error);
+    // Where the daemon publishes the events its monitors get.
+    MonitorHub& monitors() { return monitors_; }
     // Ends the thread (also in the middle of a client), closes and removes
     // the socket. Safe to call more than once.
     void stop();
 
 private:
     void loop();
-    void serve(int fd);
+    // True when the connection was kept (a monitor).
+    bool serve(int fd);
 
     std::string path_;
     uint64_t dev_ = 0;  // of the socket file we made
@@ -77,6 +91,7 @@ private:
     std::vector<uint32_t> allowed_;
     int wake_[2] = {-1, -1};
     Handler handler_;
+    MonitorHub monitors_;
     std::thread thread_;
 };
 

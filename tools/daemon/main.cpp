@@ -95,6 +95,8 @@ ctl::Backend liveBackend()
     b.events = live::events;
     b.latency = live::latency;
     b.saveStatus = live::saveStatus;
+    b.occupancy = live::occupancy;
+    b.latencyDistribution = live::latencyDistribution;
     return b;
 }
 
@@ -228,6 +230,9 @@ int main(int argc, char** argv)
     }
     if (cfg.debugLevel != 0 && dhcpSnoopSetDebugLevel(cfg.debugLevel, 0) != DHCP_SNOOP_OK)
         warn("debug_level " + std::to_string(cfg.debugLevel) + " refused by the module");
+    // The monitors' events: composed only while one is connected.
+    server.monitors().onListening(live::setMonitoring);
+    live::setMonitorSink([&server](const live::MonitorEvent& e) { server.monitors().publish(e); });
     if (!live::run(error) || !server.start([backend = liveBackend()](const std::vector<std::string>& words) {
             return ctl::runCommand(words, backend);
         }, error)) {
@@ -245,7 +250,13 @@ int main(int argc, char** argv)
             std::string ignored;
             backend.bindings(bindings, ignored);  // none while the module cannot answer
             live::SaveStatus save = backend.saveStatus();
-            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size(), &save);
+            live::Occupancy occupancy = backend.occupancy();
+            live::LatencyDistribution latency = backend.latencyDistribution();
+            ctl::MetricExtras extras;
+            extras.save = &save;
+            extras.occupancy = &occupancy;
+            extras.latency = &latency;
+            return ctl::metricFamilies(backend.counters(), bindings, backend.events().size(), extras);
         };
         if (!metrics.start(metricsAddress, collect, error)) {
             live::stop();
@@ -278,6 +289,8 @@ int main(int argc, char** argv)
 
     svc::notifyStopping();
     metrics.stop();
+    live::setMonitoring(false);
+    live::setMonitorSink(nullptr);
     server.stop();
     live::stop();
     int waited = 0;

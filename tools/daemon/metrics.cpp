@@ -1,5 +1,7 @@
 #include "tools/daemon/metrics.h"
 
+#include <cmath>
+#include <cstdio>
 #include <map>
 
 namespace ctl {
@@ -20,10 +22,31 @@ std::string metricLabel(const std::string& value)
     return out;
 }
 
+std::string metricNumber(double v)
+{
+    if (std::isinf(v))
+        return v > 0 ? "+Inf" : "-Inf";
+    if (std::isnan(v))
+        return "NaN";
+    char buf[32];
+    snprintf(buf, sizeof buf, "%.9g", v);
+    return buf;
+}
+
 std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& counters,
                                          const std::vector<Binding>& bindings, size_t events,
                                          const live::SaveStatus* save)
 {
+    MetricExtras extras;
+    extras.save = save;
+    return metricFamilies(counters, bindings, events, extras);
+}
+
+std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& counters,
+                                         const std::vector<Binding>& bindings, size_t events,
+                                         const MetricExtras& extras)
+{
+    const live::SaveStatus* save = extras.save;
     std::vector<MetricFamily> out;
     auto port = [](const live::PortCounters& c) {
         return std::vector<std::pair<std::string, std::string>>{{"port", c.name}, {"interface", c.interface}};
@@ -78,6 +101,41 @@ std::vector<MetricFamily> metricFamilies(const std::vector<live::PortCounters>& 
         out.push_back({"dhcpsnoop_binding_file_saving", "1 while binding-file changes are saved, 0 after a failed save.",
                        false, {{{}, (uint64_t)(save->saving ? 1 : 0)}}});
     }
+    if (const live::Occupancy* o = extras.occupancy) {
+        out.push_back({"dhcpsnoop_pending_requests", "Client requests the module holds until their answer.", false,
+                       {{{}, o->pendingRequests}}});
+        MetricFamily perPort{"dhcpsnoop_port_pending_requests",
+                             "Client requests of the port the module holds until their answer.", false, {}};
+        for (const live::PortCounters& c : counters) {
+            auto it = o->pendingByPort.find(c.name);
+            perPort.samples.push_back({port(c), it == o->pendingByPort.end() ? 0u : it->second});
+        }
+        out.push_back(perPort);
+        out.push_back({"dhcpsnoop_element_pool_in_use",
+                       "Elements of the module's pool in use (bindings and pending requests).", false,
+                       {{{}, o->elementsInUse}}});
+        out.push_back({"dhcpsnoop_element_pool_size", "Elements of the module's pool.", false,
+                       {{{}, o->elementPool}}});
+        out.push_back({"dhcpsnoop_packet_pool_in_use", "Packet-pool buffers holding trapped frames.", false,
+                       {{{}, o->packetBuffersInUse}}});
+        out.push_back({"dhcpsnoop_packet_pool_size", "Buffers of the packet pool.", false, {{{}, o->packetPool}}});
+        out.push_back({"dhcpsnoop_main_queue_depth", "Records waiting in the module's main queue.", false,
+                       {{{}, o->mainQueueWaiting}}});
+        out.push_back({"dhcpsnoop_main_queue_capacity", "Records the module's main queue holds.", false,
+                       {{{}, o->mainQueueCapacity}}});
+    }
+    if (const live::LatencyDistribution* l = extras.latency) {
+        MetricFamily f{"dhcpsnoop_trap_to_transmit_seconds",
+                       "Trapped DHCP frames from the trap to their first transmission by the module.", false, {}};
+        f.histogram = true;
+        MetricSample s;
+        for (size_t i = 0; i < l->boundsSec.size() && i < l->atMost.size(); ++i)
+            s.buckets.emplace_back(l->boundsSec[i], l->atMost[i]);
+        s.value = l->count;
+        s.sum = l->sumSec;
+        f.samples.push_back(s);
+        out.push_back(f);
+    }
     return out;
 }
 
@@ -86,7 +144,27 @@ std::string metricsText(const std::vector<MetricFamily>& families)
     std::string out;
     for (const MetricFamily& f : families) {
         out += "# HELP " + f.name + " " + f.help + "\n";
-        out += "# TYPE " + f.name + (f.counter ? " counter\n" : " gauge\n");
+        out += "# TYPE " + f.name + (f.histogram ? " histogram\n" : f.counter ? " counter\n" : " gauge\n");
+        auto labelsOf = [](const std::vector<std::pair<std::string, std::string>>& labels) {
+            std::string t;
+            for (size_t i = 0; i < labels.size(); ++i)
+                t += (i ? "," : "") + labels[i].first + "=\"" + metricLabel(labels[i].second) + "\"";
+            return t;
+        };
+        if (f.histogram) {
+            for (const MetricSample& s : f.samples) {
+                std::string l = labelsOf(s.labels);
+                std::string lc = l.empty() ? "" : l + ",";
+                for (const auto& b : s.buckets)
+                    out += f.name + "_bucket{" + lc + "le=\"" + metricNumber(b.first) + "\"} " +
+                           std::to_string(b.second) + "\n";
+                out += f.name + "_bucket{" + lc + "le=\"+Inf\"} " + std::to_string(s.value) + "\n";
+                std::string braces = l.empty() ? "" : "{" + l + "}";
+                out += f.name + "_sum" + braces + " " + metricNumber(s.sum) + "\n";
+                out += f.name + "_count" + braces + " " + std::to_string(s.value) + "\n";
+            }
+            continue;
+        }
         for (const MetricSample& s : f.samples) {
             out += f.name;
             if (!s.labels.empty()) {
@@ -105,6 +183,12 @@ std::string metricsText(const std::vector<live::PortCounters>& counters, const s
                         size_t events, const live::SaveStatus* save)
 {
     return metricsText(metricFamilies(counters, bindings, events, save));
+}
+
+std::string metricsText(const std::vector<live::PortCounters>& counters, const std::vector<Binding>& bindings,
+                        size_t events, const MetricExtras& extras)
+{
+    return metricsText(metricFamilies(counters, bindings, events, extras));
 }
 
 }  // namespace ctl

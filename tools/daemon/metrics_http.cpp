@@ -7,6 +7,7 @@
 #endif
 
 #include <exception>
+#include <limits>
 
 namespace ctl {
 
@@ -23,12 +24,28 @@ public:
             prometheus::MetricFamily pf;
             pf.name = f.name;
             pf.help = f.help;
-            pf.type = f.counter ? prometheus::MetricType::Counter : prometheus::MetricType::Gauge;
+            pf.type = f.histogram ? prometheus::MetricType::Histogram
+                      : f.counter ? prometheus::MetricType::Counter
+                                  : prometheus::MetricType::Gauge;
             for (const MetricSample& s : f.samples) {
                 prometheus::ClientMetric m;
                 for (const auto& l : s.labels)
                     m.label.push_back({l.first, l.second});
-                if (f.counter)
+                if (f.histogram) {
+                    m.histogram.sample_count = s.value;
+                    m.histogram.sample_sum = s.sum;
+                    for (const auto& b : s.buckets) {
+                        prometheus::ClientMetric::Bucket pb;
+                        pb.cumulative_count = b.second;
+                        pb.upper_bound = b.first;
+                        m.histogram.bucket.push_back(pb);
+                    }
+                    // Last, as in the library's own histograms.
+                    prometheus::ClientMetric::Bucket inf;
+                    inf.cumulative_count = s.value;
+                    inf.upper_bound = std::numeric_limits<double>::infinity();
+                    m.histogram.bucket.push_back(inf);
+                } else if (f.counter)
                     m.counter.value = (double)s.value;
                 else
                     m.gauge.value = (double)s.value;

@@ -139,6 +139,15 @@ std::string tableText(const Ruleset& r, const std::vector<Element>& elements)
         o << "\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n";
         o << "\t}\n";
     }
+    if (!r.hostBridgeEnd.empty()) {
+        // The module's frames for the host enter the bridge there: a
+        // broadcast would be flooded to every port again. Delivered to the
+        // host (input), dropped on the way anywhere else. Learning and
+        // flooding are off on that port, so nothing else comes this way.
+        o << "\tchain forward {\n\t\ttype filter hook forward priority -300; policy accept;\n";
+        o << "\t\tiifname \"" << r.hostBridgeEnd << "\" drop\n";
+        o << "\t}\n";
+    }
     for (const Port& p : r.ports)
         if (p.snooped && !p.host)
             portChain(o, r, p);

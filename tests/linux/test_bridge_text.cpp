@@ -165,6 +165,21 @@ TEST(NftRules, TheHostPortTrapsWhatTheHostSends)
     EXPECT_EQ(t.find("\"br0\""), std::string::npos) << "nothing enters the bridge through its own device";
 }
 
+TEST(NftRules, WhatEntersFromTheHostsPairGoesUpToTheHostOnly)
+{
+    live::nft::Ruleset r = ruleset();
+    std::string t = live::nft::tableText(r, {});
+    EXPECT_EQ(t.find("hook forward"), std::string::npos) << "no host port: nothing on the forwarding path";
+    r.hostBridgeEnd = "dhcpsnoop-br";
+    t = live::nft::tableText(r, {});
+    EXPECT_NE(t.find("\tchain forward {\n\t\ttype filter hook forward priority -300; policy accept;\n"
+                     "\t\tiifname \"dhcpsnoop-br\" drop\n\t}\n"),
+              std::string::npos);
+    // Not trapped on the way in: the module sent those frames.
+    EXPECT_EQ(t.find("\"dhcpsnoop-br\" : jump"), std::string::npos);
+    EXPECT_EQ(count(t, "dhcpsnoop-br"), 1u);
+}
+
 TEST(NftRules, QuotableInterfaceNames)
 {
     EXPECT_TRUE(live::nft::quotableIfname("sw3"));

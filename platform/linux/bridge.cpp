@@ -30,6 +30,7 @@
 #include "platform/linux/nft_rules.h"
 #include "platform/linux/nft_table.h"
 #include "platform/linux/rtnl_fdb.h"
+#include "platform/linux/rtnl_link.h"
 #include "platform/linux/trap_filter.h"
 
 namespace live {
@@ -42,6 +43,9 @@ struct PortIo {
     int ifindex = 0;
     bool host = false;  // the bridge device itself
     std::atomic<int> fd{-1};
+    // The host's port sends into its veth pair: what is sent on the bridge
+    // device leaves through the bridge's ports instead of reaching the host.
+    std::atomic<int> txFd{-1};
 };
 
 // Source-guard changes wait here for the worker, which hands them to
@@ -64,6 +68,7 @@ struct State {
     int bridgeIfindex = 0;
     std::string bridgeName;
     std::vector<std::unique_ptr<PortIo>> ports;
+    rtnl::HostPair hostPair;  // 0s: no host port, no pair
     std::map<int, size_t> portOfIfindex;
     std::map<uint32_t, std::string> ifnameOfHandle;  // fixed while running
     std::vector<std::thread> threads;
@@ -86,10 +91,22 @@ void warn(const std::string& line) { fprintf(stderr, "dhcpsnoopd: %s\n", line.c_
 void closeAll(State& s)
 {
     for (auto& p : s.ports) {
-        int fd = p->fd.exchange(-1);
-        if (fd >= 0)
-            close(fd);
+        for (auto* f : {&p->fd, &p->txFd}) {
+            int fd = f->exchange(-1);
+            if (fd >= 0)
+                close(fd);
+        }
     }
+}
+
+void removeHostPair(State& s)
+{
+    if (s.hostPair.bridgeEnd == 0)
+        return;
+    std::string error;
+    if (!rtnl::deleteHostPair(error))
+        warn(error);
+    s.hostPair = rtnl::HostPair();
 }
 
 // Trap sockets take no offload header: what the module sends is a whole
@@ -100,7 +117,8 @@ int transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid, cons
     State& s = state();
     if (port >= s.ports.size() || len < 12)
         return EINVAL;
-    int fd = s.ports[port]->fd.load();
+    const PortIo& p = *s.ports[port];
+    int fd = p.host ? p.txFd.load() : p.fd.load();
     if (fd < 0)
         return EBADF;
     uint8_t tag[4] = {0x81, 0x00, (uint8_t)((tagVid >> 8) & 0x0F), (uint8_t)tagVid};
@@ -254,6 +272,29 @@ bool openTrap(PortIo& p, std::string& error)
     return true;
 }
 
+// The host port's sending socket on the daemon's end of the pair. Bound
+// with protocol 0: it sends, it never receives.
+bool openHostTx(PortIo& p, int ifindex, std::string& error)
+{
+    int s = socket(AF_PACKET, SOCK_RAW, 0);
+    if (s < 0) {
+        error = std::string("host port ") + p.name + ": socket: " + strerror(errno);
+        return false;
+    }
+    struct sockaddr_ll sll;
+    memset(&sll, 0, sizeof sll);
+    sll.sll_family = AF_PACKET;
+    sll.sll_protocol = 0;
+    sll.sll_ifindex = ifindex;
+    if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
+        error = std::string("host port ") + p.name + ": bind to " + rtnl::kHostDaemonEnd + ": " + strerror(errno);
+        close(s);
+        return false;
+    }
+    p.txFd.store(s);
+    return true;
+}
+
 // ---- the table ----
 
 nft::Ruleset rulesetOf(const swcfg::SwitchConfig& cfg, const State& s)
@@ -262,6 +303,8 @@ nft::Ruleset rulesetOf(const swcfg::SwitchConfig& cfg, const State& s)
     r.ipFilter = cfg.ipFilter;
     r.arpDefend = cfg.arpDefend;
     r.dropIpv6 = cfg.dropIpv6;
+    if (s.hostPair.bridgeEnd != 0)
+        r.hostBridgeEnd = rtnl::kHostBridgeEnd;
     for (size_t i = 0; i < cfg.ports.size() && i < s.ports.size(); ++i) {
         const swcfg::PortConfig& pc = cfg.ports[i];
         if (s.ports[i]->ifindex == 0)
@@ -517,16 +560,36 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
         return false;
     s.bridgeIfindex = br.ifindex;
     s.bridgeName = br.name;
+    s.hostPair = rtnl::HostPair();
+    for (size_t i = 0; i < s.ports.size(); ++i) {
+        if (!s.ports[i]->host)
+            continue;
+        // A pair left by a killed daemon goes first, like its table.
+        if (!rtnl::makeHostPair(br.ifindex, br.vlanFiltering, cfg.ports[i].vlan, cfg.ports[i].tagged, s.hostPair,
+                                error)) {
+            error = "port " + cfg.ports[i].name + " (the host): " + error;
+            return false;
+        }
+        break;
+    }
+    auto undo = [&] {
+        closeAll(s);
+        removeHostPair(s);
+    };
     for (auto& p : s.ports) {
         if (p->ifindex != 0 && !openTrap(*p, error)) {
-            closeAll(s);
+            undo();
+            return false;
+        }
+        if (p->host && !openHostTx(*p, s.hostPair.daemonEnd, error)) {
+            undo();
             return false;
         }
     }
     runtime::setDataDir(opt.dataDir);
     logging::configure(opt.useSyslog, opt.eventsKept);
     if (!core::setUp(cfg, opt, transmit, error)) {
-        closeAll(s);
+        undo();
         return false;
     }
     // The threads (FDB notifications, set changes) start with run(): a
@@ -534,7 +597,7 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     if (!s.fdb.start(br.ifindex, error, false)) {
         error = "bridge " + br.name + ": FDB: " + error;
         core::tearDown();
-        closeAll(s);
+        undo();
         return false;
     }
     {
@@ -547,7 +610,7 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
     if (!installTable(s, cfg, error)) {
         s.fdb.stop();
         core::tearDown();
-        closeAll(s);
+        undo();
         return false;
     }
     core::setKernelPath(kernelFdb, guardChange);
@@ -631,6 +694,7 @@ void stop()
     std::string error;
     if (!s.nft.run(nft::deleteTableText(), nullptr, error))
         warn("removing table bridge " + std::string(nft::kTable) + ": " + error);
+    removeHostPair(s);
     core::setKernelPath(nullptr, nullptr);
     s.fdb.stop();
     s.running = false;

@@ -51,30 +51,31 @@ std::string chainName(size_t portIndex) { return "port_p" + std::to_string(portI
 // follows at 14 (AA AA 03, OUI 0, then the type at 20). Offsets in bits.
 const char* kSnap = "ether type <= 0x05dc @ll,112,48 0xaaaa03000000";
 
+std::string llcChainName(size_t portIndex) { return "llc_p" + std::to_string(portIndex + 1); }
+
+// Every frame of the port passes here, so the common cases come first and
+// meet as few expressions as can be: IPv4 meets the DHCP drop and (on a
+// guarded port) the set look-up, nothing else. 802.3 frames cannot match
+// any rule of Ethernet II types, so their rules wait in a chain of their
+// own behind one comparison.
 void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
 {
     std::string count = " counter name \"" + counterName(p.index) + "\" drop\n";
+    bool guard = !p.trusted && (r.ipFilter || r.arpDefend || r.dropIpv6);
     o << "\tchain " << chainName(p.index) << " {\n";
     // DHCP goes to the daemon only (its socket sees the frame before the
     // bridge): untagged or 802.1Q-tagged (the kernel takes the tag off
-    // before the hook), and in SNAP as the module takes it. Dropped before
-    // the bridge learns from it.
-    o << "\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n";
-    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,8 0x45 @ll,248,8 17 @ll,352,16 { 67, 68 } drop\n";
-    // With IP options the ports cannot be found at a fixed offset: hosts
-    // never send such frames, and one could hide DHCP.
-    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,4 4 @ll,180,4 != 5 @ll,248,8 17 drop\n";
-    // The common case next, so that it meets two rules: IPv4 from a bound
-    // source. (An 802.1ad tag is off the frame by now; a bound source
-    // gains nothing by one.)
+    // before the hook). Dropped before the bridge learns from it.
+    o << "\t\tmeta protocol ip ip protocol udp udp dport 67-68 drop\n";
+    // The common case: IPv4 from a bound source. (An 802.1ad tag is off
+    // the frame by now; a bound source gains nothing by one.)
     if (!p.trusted && r.ipFilter)
         o << "\t\tmeta protocol ip iifname . ether saddr . ip saddr @" << kBoundSet << " accept\n";
-    bool guard = !p.trusted && (r.ipFilter || r.arpDefend || r.dropIpv6);
+    o << "\t\tether type <= 0x05dc jump " << llcChainName(p.index) << "\n";
     if (guard) {
         // What would carry IPv4, ARP or IPv6 past the rules below.
         o << "\t\tether type 8021ad" << count;
         o << "\t\tvlan type { 8021q, 8021ad }" << count;
-        o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806, 0x86dd }" << count;
     }
     if (!p.trusted && r.dropIpv6)
         o << "\t\tmeta protocol ip6" << count;
@@ -95,6 +96,15 @@ void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
           << " iifname . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
         o << "\t\tmeta protocol arp" << count;
     }
+    o << "\t}\n";
+    // 802.3: DHCP in SNAP as the module takes it.
+    o << "\tchain " << llcChainName(p.index) << " {\n";
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,8 0x45 @ll,248,8 17 @ll,352,16 { 67, 68 } drop\n";
+    // With IP options the ports cannot be found at a fixed offset: hosts
+    // never send such frames, and one could hide DHCP.
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,4 4 @ll,180,4 != 5 @ll,248,8 17 drop\n";
+    if (guard)
+        o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806, 0x86dd }" << count;
     o << "\t}\n";
 }
 
@@ -137,6 +147,15 @@ std::string tableText(const Ruleset& r, const std::vector<Element>& elements)
         // bridge device and sent on by the module.
         o << "\tchain output {\n\t\ttype filter hook output priority -300; policy accept;\n";
         o << "\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n";
+        o << "\t}\n";
+    }
+    if (!r.hostBridgeEnd.empty()) {
+        // The module's frames for the host enter the bridge there: a
+        // broadcast would be flooded to every port again. Delivered to the
+        // host (input), dropped on the way anywhere else. Learning and
+        // flooding are off on that port, so nothing else comes this way.
+        o << "\tchain forward {\n\t\ttype filter hook forward priority -300; policy accept;\n";
+        o << "\t\tiifname \"" << r.hostBridgeEnd << "\" drop\n";
         o << "\t}\n";
     }
     for (const Port& p : r.ports)

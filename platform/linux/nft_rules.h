@@ -31,6 +31,9 @@ struct Ruleset {
     bool ipFilter = false;
     bool arpDefend = false;
     bool dropIpv6 = false;  // IPv6 from untrusted ports: the bindings do not cover it
+    // The bridge end of the host's veth pair, empty without a host port:
+    // what enters there goes up to the host and is never forwarded.
+    std::string hostBridgeEnd;
 };
 
 struct Element {

@@ -16,42 +16,47 @@ std::vector<struct sock_filter> program()
     // indexes written beside each line.
     return {
         /* 0 */ stmt(BPF_LD | BPF_H | BPF_ABS, 12),
-        /* 1 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 8, 0),    // -> 10 (IPv4 at 14)
-        /* 2 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x8100, 9, 0),    // -> 12 (tag in the frame)
-        /* 3 */ jump(BPF_JMP | BPF_JGT | BPF_K, 0x05DC, 29, 0),   // -> 33 reject: another type
+        /* 1 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 2),    // else -> 4
+        // Untagged IPv4, nearly every frame a port receives: its protocol
+        // sits at a fixed place whatever the header's length, so all but
+        // UDP are refused here.
+        /* 2 */ stmt(BPF_LD | BPF_B | BPF_ABS, 23),
+        /* 3 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 8, 31),       // -> 12 (IPv4 at 14), else -> 35
+        /* 4 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x8100, 9, 0),    // -> 14 (tag in the frame)
+        /* 5 */ jump(BPF_JMP | BPF_JGT | BPF_K, 0x05DC, 29, 0),   // -> 35 reject: another type
         // 802.3 with SNAP: AA AA 03, OUI 00 00 00, type 08 00.
-        /* 4 */ stmt(BPF_LD | BPF_W | BPF_ABS, 14),
-        /* 5 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0xAAAA0300, 0, 27),  // else -> 33
-        /* 6 */ stmt(BPF_LD | BPF_W | BPF_ABS, 18),
-        /* 7 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x00000800, 0, 25),  // else -> 33
-        /* 8 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 22),
-        /* 9 */ stmt(BPF_JMP | BPF_JA, 6),                          // -> 16
-        /* 10 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 14),
-        /* 11 */ stmt(BPF_JMP | BPF_JA, 4),                         // -> 16
-        /* 12 */ stmt(BPF_LD | BPF_H | BPF_ABS, 16),
-        /* 13 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 19),    // else -> 33
-        /* 14 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 18),
-        /* 15 */ stmt(BPF_JMP | BPF_JA, 0),                         // -> 16
+        /* 6 */ stmt(BPF_LD | BPF_W | BPF_ABS, 14),
+        /* 7 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0xAAAA0300, 0, 27),  // else -> 35
+        /* 8 */ stmt(BPF_LD | BPF_W | BPF_ABS, 18),
+        /* 9 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x00000800, 0, 25),  // else -> 35
+        /* 10 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 22),
+        /* 11 */ stmt(BPF_JMP | BPF_JA, 6),                         // -> 18
+        /* 12 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 14),
+        /* 13 */ stmt(BPF_JMP | BPF_JA, 4),                         // -> 18
+        /* 14 */ stmt(BPF_LD | BPF_H | BPF_ABS, 16),
+        /* 15 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 19),    // else -> 35
+        /* 16 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 18),
+        /* 17 */ stmt(BPF_JMP | BPF_JA, 0),                         // -> 18
         // X: where the IPv4 header starts. Version 4, header 20 bytes or more.
-        /* 16 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
-        /* 17 */ stmt(BPF_ALU | BPF_RSH | BPF_K, 4),
-        /* 18 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 4, 0, 14),         // else -> 33
-        /* 19 */ stmt(BPF_LD | BPF_B | BPF_IND, 9),
-        /* 20 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 12),        // UDP, else -> 33
+        /* 18 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
+        /* 19 */ stmt(BPF_ALU | BPF_RSH | BPF_K, 4),
+        /* 20 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 4, 0, 14),         // else -> 35
+        /* 21 */ stmt(BPF_LD | BPF_B | BPF_IND, 9),
+        /* 22 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 12),        // UDP, else -> 35
         // A later fragment has no UDP header.
-        /* 21 */ stmt(BPF_LD | BPF_H | BPF_IND, 6),
-        /* 22 */ jump(BPF_JMP | BPF_JSET | BPF_K, 0x1FFF, 10, 0),   // -> 33
-        /* 23 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
-        /* 24 */ stmt(BPF_ALU | BPF_AND | BPF_K, 0x0F),
-        /* 25 */ jump(BPF_JMP | BPF_JGE | BPF_K, 5, 0, 7),          // else -> 33
-        /* 26 */ stmt(BPF_ALU | BPF_LSH | BPF_K, 2),
-        /* 27 */ stmt(BPF_ALU | BPF_ADD | BPF_X, 0),
-        /* 28 */ stmt(BPF_MISC | BPF_TAX, 0),
-        /* 29 */ stmt(BPF_LD | BPF_H | BPF_IND, 2),                 // UDP destination port
-        /* 30 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 67, 1, 0),         // -> 32
-        /* 31 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 68, 0, 1),         // else -> 33
-        /* 32 */ stmt(BPF_RET | BPF_K, 0xFFFF),
-        /* 33 */ stmt(BPF_RET | BPF_K, 0),
+        /* 23 */ stmt(BPF_LD | BPF_H | BPF_IND, 6),
+        /* 24 */ jump(BPF_JMP | BPF_JSET | BPF_K, 0x1FFF, 10, 0),   // -> 35
+        /* 25 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
+        /* 26 */ stmt(BPF_ALU | BPF_AND | BPF_K, 0x0F),
+        /* 27 */ jump(BPF_JMP | BPF_JGE | BPF_K, 5, 0, 7),          // else -> 35
+        /* 28 */ stmt(BPF_ALU | BPF_LSH | BPF_K, 2),
+        /* 29 */ stmt(BPF_ALU | BPF_ADD | BPF_X, 0),
+        /* 30 */ stmt(BPF_MISC | BPF_TAX, 0),
+        /* 31 */ stmt(BPF_LD | BPF_H | BPF_IND, 2),                 // UDP destination port
+        /* 32 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 67, 1, 0),         // -> 34
+        /* 33 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 68, 0, 1),         // else -> 35
+        /* 34 */ stmt(BPF_RET | BPF_K, 0xFFFF),
+        /* 35 */ stmt(BPF_RET | BPF_K, 0),
     };
 }
 

@@ -29,7 +29,8 @@
 # daemon's control interface are skipped there.
 #
 # STEP: leases bindings binding-file option82 release restart source-guard
-# smuggle tcp lifecycle flood trap-flood tagged control reload errors monitor, or all (every step, one topology). Exit 0 pass, 1 fail, 77 skipped
+# smuggle tcp lifecycle flood trap-flood tagged control reload errors monitor, or all (every step, one topology);
+# host (the bridge device as a port; a topology of its own, not in all). Exit 0 pass, 1 fail, 77 skipped
 # (not root, no network namespaces, programs missing; set
 # DHCPSNOOP_E2E_REQUIRE=1 to fail instead of skipping on missing programs).
 # DHCPSNOOP_E2E_KEEP=1 keeps the work directory (logs, captures, the daemon's
@@ -66,7 +67,7 @@ steps_all=(leases bindings binding-file option82 tagged source-guard tcp flood t
   monitor)
 case "$step" in
   all) run_steps=("${steps_all[@]}") ;;
-  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|smuggle|tcp|lifecycle|flood|trap-flood|control|reload|errors|monitor)
+  leases|bindings|binding-file|option82|tagged|release|restart|source-guard|smuggle|tcp|lifecycle|flood|trap-flood|control|reload|errors|monitor|host)
     run_steps=("$step") ;;
   *) usage ;;
 esac
@@ -76,6 +77,7 @@ skip() { echo "SKIPPED: $*"; exit $SKIP; }
 plane_skip_reason() {
   case "$plane:$1" in
     bridge:tagged) echo "VLAN trunk: this kernel's bridge has no VLAN filtering (and no 802.1Q module); the user data plane runs it" ;;
+    user:host) echo "the bridge device as the host's port: the bridge data plane's (the user data plane has no bridge)" ;;
     user:smuggle) echo "tag and SNAP smuggling: a rule of the bridge data plane's table; the user data plane refuses such frames in its own frame path (live_test_guard, e2e_user-dataplane)" ;;
   esac
 }
@@ -960,9 +962,211 @@ step_monitor() {
   [ "${#failures[@]}" -eq 0 ] || sed 's/^/  monitor| /' "$work/monitor.txt" | head -20
 }
 
+# ---- the bridge host as a port (step host) ---------------------------------
+#
+# A topology of its own: br0 of sw1 (1/0/1, trusted), sw3 (1/0/3, client A,
+# udhcpc) and sw4 (1/0/4, a rogue dnsmasq of its own pool, untrusted), all
+# of VLAN 10, and br0 itself as the port 1/0/8 (trusted): the host of a home
+# router or a hypervisor. First dnsmasq serves on br0 itself: client A must
+# be leased by it, bound, and then talk to the host from its leased address
+# only. Then the host is a client: udhcpc on br0, the server behind 1/0/1;
+# the rogue's replies never reach the host.
+
+host_pair_up() { in_ns "$ns_sw" ip link show dhcpsnoop-br >/dev/null 2>&1; }
+no_host_pair() {
+  ! in_ns "$ns_sw" ip link show dhcpsnoop-br >/dev/null 2>&1 && ! in_ns "$ns_sw" ip link show dhcpsnoop-tx >/dev/null 2>&1
+}
+br0_mac() { in_ns "$ns_sw" cat /sys/class/net/br0/address; }
+br0_ip() { ip -n "$ns_sw" -4 -o addr show dev br0 | awk '$3 == "inet" {split($4, a, "/"); print a[1]; exit}'; }
+
+write_host_config() {
+  cat >"$work/switch.toml" <<EOF
+[switch]
+dataplane = "bridge"
+bridge = "br0"
+unit = 1
+mac = "$switch_mac"
+snooping_vlans = [$vlan]
+ip_filter = true
+arp_defend = true
+
+[[port]]
+name = "1/0/8"
+vlan = $vlan
+trust = true
+interface = "br0"
+
+[[port]]
+name = "1/0/1"
+vlan = $vlan
+trust = true
+interface = "sw1"
+
+[[port]]
+name = "1/0/3"
+vlan = $vlan
+rate = 20
+interface = "sw3"
+
+[[port]]
+name = "1/0/4"
+vlan = $vlan
+interface = "sw4"
+EOF
+}
+
+host_topology_up() {
+  mkdir -p "$work/data"
+  ip netns add "$ns_sw" 2>"$work/netns.err" || skip "cannot make network namespaces: $(cat "$work/netns.err")"
+  in_ns "$ns_sw" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+  local n ns
+  for n in 1 3 4; do
+    case $n in 1) ns=$ns_srv ;; 3) ns=$ns_a ;; *) ns=$ns_rogue ;; esac
+    ip netns add "$ns" || fatal "ip netns add $ns"
+    in_ns "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+    ip link add "sw$n" netns "$ns_sw" type veth peer name eth0 netns "$ns" || fatal "veth sw$n"
+    ip -n "$ns" link set lo up
+    ip -n "$ns" link set eth0 up
+    ip -n "$ns_sw" link set "sw$n" up
+    in_ns "$ns" ethtool -K eth0 tx off >/dev/null
+    in_ns "$ns_sw" ethtool -K "sw$n" tx off >/dev/null
+  done
+  ip -n "$ns_srv" link set eth0 address "$mac_srv"
+  ip -n "$ns_a" link set eth0 address "$mac_a"
+  ip -n "$ns_rogue" link set eth0 address "$mac_rogue"
+  ip -n "$ns_rogue" addr add "$ip_rogue/24" dev eth0
+  ip -n "$ns_sw" link add br0 type bridge stp_state 0
+  for n in 1 3 4; do ip -n "$ns_sw" link set "sw$n" master br0; done
+  ip -n "$ns_sw" link set br0 up
+  mac_host=$(br0_mac)
+  if [ "$mode" = daemon ]; then
+    write_host_config
+    daemon_start
+  fi
+  capture "$ns_a" a.pcap
+  ip netns exec "$ns_sw" tcpdump -n -U --immediate-mode -Z root -i br0 -w "$work/host.pcap" \
+    'udp port 67 or udp port 68 or icmp or arp' 2>"$work/host.pcap.log" &
+  pids+=($!)
+  for n in a host; do
+    wait_for 10 grep -q 'listening on' "$work/$n.pcap.log" || fatal "tcpdump ($n) did not start"
+  done
+  host_common=(--no-daemon --port=0 --conf-file=/dev/null --bind-interfaces --no-ping
+    --dhcp-option=option:router --dhcp-option=option:dns-server --log-dhcp)
+  # As in the other topology: behind a plain bridge the rogue waits 2 s.
+  local delay=0
+  [ "$mode" = bridge ] && delay=2
+  ip netns exec "$ns_rogue" dnsmasq "${host_common[@]}" --interface=eth0 --dhcp-reply-delay=$delay \
+    --dhcp-range=198.18.1.100,198.18.1.150,255.255.255.0,1h \
+    --dhcp-leasefile="$work/rogue.leases" 2>"$work/rogue.log" &
+  pids+=($!)
+  wait_for 10 grep -q 'DHCP, IP range' "$work/rogue.log" || fatal "dnsmasq (rogue) did not start"
+  cat >"$work/udhcpc.sh" <<'EOF'
+#!/bin/sh
+case "$1" in
+  deconfig) ip -4 addr flush dev "$interface" ;;
+  bound|renew) ip -4 addr flush dev "$interface"; ip addr add "$ip/$mask" dev "$interface" ;;
+esac
+exit 0
+EOF
+  chmod +x "$work/udhcpc.sh"
+}
+
+ping_host_from() { in_ns "$1" ping -n -q -c "$2" -W 1 -i 0.3 "$ip_srv" >/dev/null; }
+no_ping_host_from() { ! ping_host_from "$@"; }
+host_leased() { br0_ip | grep -q '^198\.18\.0\.'; }
+
+step_host() {
+  if [ -n "$(plane_skip_reason host)" ]; then echo "  skip  $(plane_skip_reason host)"; return 0; fi
+  # 1. dnsmasq on the bridge device serves client A behind an untrusted port.
+  in_ns "$ns_sw" ip addr add "$ip_srv/24" dev br0
+  ip netns exec "$ns_sw" dnsmasq "${host_common[@]}" --interface=br0 \
+    --dhcp-range=198.18.0.100,198.18.0.150,255.255.255.0,1h \
+    --dhcp-leasefile="$work/server.leases" 2>"$work/server.log" &
+  local host_server=$!
+  pids+=("$host_server")
+  wait_for 10 grep -q 'DHCP, IP range' "$work/server.log" || fatal "dnsmasq (on br0) did not start"
+  if [ "$mode" = daemon ]; then
+    check "the daemon's veth pair to the host is there" host_pair_up
+    check "br0 kept its MAC" same "$(br0_mac)" "$mac_host"
+  fi
+  ip netns exec "$ns_a" busybox udhcpc -f -i eth0 -s "$work/udhcpc.sh" -t 5 -T 2 >"$work/udhcpc.log" 2>&1 &
+  udhcpc_pid=$!
+  pids+=("$udhcpc_pid")
+  wait_for 20 has_lease "$ns_a" || fatal "client A got no lease from the server on br0"
+  if [ "$mode" = bridge ]; then
+    wait_for 10 rogue_offered "$mac_a" || fatal "the rogue server sent no OFFER"
+    sleep 0.5
+  fi
+  ip_a=$(client_ip "$ns_a")
+  echo "  info  client A (udhcpc) $mac_a leased $ip_a from dnsmasq on br0"
+  check "client A's address is from the host's pool" in_trusted_pool "$ip_a"
+  check "the host's lease file holds client A" same "$(lease_ip $mac_a)" "$ip_a"
+  snoop_check "no reply of the rogue server reached client A" "${tool[@]}" pcap-replies-from "$work/a.pcap" "$ip_rogue"
+  if daemon_only "client A is bound on 1/0/3"; then
+    check "client A is bound on 1/0/3, as the host's lease file has it" until_ok 5 bindings_match "$mac_a=1/0/3"
+    check "the table's set holds client A" until_ok 5 set_holds "$mac_a"
+  fi
+  check "client A pings the host from its leased address" ping_host_from "$ns_a" 3
+  # From an address it was not leased (static neighbour entries on both
+  # ends: only the source guard can stop it).
+  kill -STOP "$udhcpc_pid"
+  in_ns "$ns_sw" ip neigh replace "$ip_unleased" lladdr "$mac_a" nud permanent dev br0
+  in_ns "$ns_a" ip -4 addr flush dev eth0
+  in_ns "$ns_a" ip addr add "$ip_unleased/24" dev eth0
+  in_ns "$ns_a" ip neigh replace "$ip_srv" lladdr "$mac_host" nud permanent dev eth0
+  snoop_check "client A cannot ping the host from $ip_unleased, which it was not leased" no_ping_host_from "$ns_a" 3
+  in_ns "$ns_a" ip -4 addr flush dev eth0
+  in_ns "$ns_a" ip addr add "$ip_a/24" dev eth0
+  in_ns "$ns_a" ip neigh replace "$ip_srv" lladdr "$mac_host" nud permanent dev eth0
+  check "back on its leased address, client A pings the host again" ping_host_from "$ns_a" 3
+  kill -CONT "$udhcpc_pid"
+
+  # 2. The host is a client: udhcpc on br0, the server behind 1/0/1.
+  kill -TERM "$host_server" "$udhcpc_pid" 2>/dev/null
+  wait "$host_server" "$udhcpc_pid" 2>/dev/null
+  in_ns "$ns_sw" ip -4 addr flush dev br0
+  in_ns "$ns_srv" ip addr add "$ip_srv/24" dev eth0
+  mv "$work/server.leases" "$work/host-server.leases"
+  ip netns exec "$ns_srv" dnsmasq "${host_common[@]}" --interface=eth0 \
+    --dhcp-range=198.18.0.100,198.18.0.150,255.255.255.0,1h \
+    --dhcp-leasefile="$work/server.leases" 2>"$work/server2.log" &
+  pids+=($!)
+  wait_for 10 grep -q 'DHCP, IP range' "$work/server2.log" || fatal "dnsmasq (behind 1/0/1) did not start"
+  local rc
+  timeout 30 ip netns exec "$ns_sw" busybox udhcpc -n -q -f -i br0 -s "$work/udhcpc.sh" -t 5 -T 2 \
+    >"$work/udhcpc-host.log" 2>&1
+  rc=$?
+  check "udhcpc on br0 gets a lease from the server behind 1/0/1 (exit $rc)" same "$rc" 0
+  check "br0's address is from the server's pool" host_leased
+  check "the server's lease file holds the host" same "$(lease_ip "$mac_host")" "$(br0_ip)"
+  if [ "$mode" = bridge ]; then
+    wait_for 10 rogue_offered "$mac_host" || fatal "the rogue server sent the host no OFFER"
+    sleep 0.5
+  fi
+  snoop_check "no reply of the rogue server reached the host" "${tool[@]}" pcap-replies-from "$work/host.pcap" "$ip_rogue"
+  check "the host pings the server from its leased address" in_ns "$ns_sw" ping -n -q -c 3 -W 1 -i 0.3 "$ip_srv"
+
+  # 3. kill -9 leaves the pair as it leaves the table (inert: nothing is
+  # sent into it, the bridge neither learns nor floods there); the next
+  # start replaces both.
+  daemon_only "kill -9 and a restart with the veth pair" || return 0
+  local before after
+  before=$(in_ns "$ns_sw" cat /sys/class/net/dhcpsnoop-br/ifindex)
+  daemon_kill9
+  check "after kill -9 the veth pair stays" host_pair_up
+  check "and so does the table" has_table
+  daemon_start
+  after=$(in_ns "$ns_sw" cat /sys/class/net/dhcpsnoop-br/ifindex 2>/dev/null)
+  check "the restarted daemon replaced the pair (ifindex $before, now $after)" test -n "$after" -a "$before" != "$after"
+  timeout 30 ip netns exec "$ns_sw" busybox udhcpc -n -q -f -i br0 -s "$work/udhcpc.sh" -t 5 -T 2 \
+    >>"$work/udhcpc-host.log" 2>&1
+  rc=$?
+  check "udhcpc on br0 is leased again through the new pair (exit $rc)" same "$rc" 0
+}
+
 echo "== e2e ($mode, data plane $plane): ${run_steps[*]}"
 current_step=setup
-topology_up
+if [ "$step" = host ]; then host_topology_up; else topology_up; fi
 for s in "${run_steps[@]}"; do
   current_step=$s
   echo "-- step $s"
@@ -974,5 +1178,6 @@ if [ "$mode" = daemon ]; then
   check "dhcpsnoopd exits 0 on SIGTERM at the end" same "$daemon_status" 0
   check "the daemon wrote no sanitizer report" no_sanitizer_report
   [ "$plane" = bridge ] && check "its nftables table is gone after SIGTERM" no_table
+  [ "$step" = host ] && check "and its veth pair to the host" no_host_pair
 fi
 finish

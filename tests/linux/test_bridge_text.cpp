@@ -84,7 +84,8 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     std::string t = live::nft::tableText(ruleset(), {});
     EXPECT_NE(t.find("iifname vmap { \"sw1\" : jump port_p1, \"sw3\" : jump port_p3 }"), std::string::npos);
     EXPECT_EQ(t.find("\"sw4\""), std::string::npos) << "a port of no snooped VLAN is left alone";
-    EXPECT_EQ(count(t, "udp dport { 67, 68 } drop"), 2u) << "DHCP off the bridge on both snooped ports";
+    EXPECT_EQ(count(t, "udp dport 67-68 drop"), 2u) << "DHCP off the bridge on both snooped ports";
+    EXPECT_EQ(count(t, "@ll,352,16 { 67, 68 } drop"), 2u) << "and in SNAP";
     // The trusted server's port: no guard, no counter.
     EXPECT_EQ(t.find("counter name \"sg_p1\""), std::string::npos);
     EXPECT_NE(t.find("counter sg_p3 {"), std::string::npos);
@@ -94,11 +95,26 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     // DHCP first, then the common case: IPv4 from a bound source.
     size_t chain = t.find("chain port_p3 {\n");
     ASSERT_NE(chain, std::string::npos);
-    EXPECT_EQ(t.find("\t\tmeta protocol ip ip protocol udp udp dport { 67, 68 } drop\n", chain),
+    // IPv4 from a bound source meets two rules and nothing else; 802.3
+    // frames (which no rule of an Ethernet II type can match) wait behind
+    // one comparison.
+    EXPECT_EQ(t.find("\t\tmeta protocol ip ip protocol udp udp dport 67-68 drop\n"
+                     "\t\tmeta protocol ip iifname . ether saddr . ip saddr @bound accept\n"
+                     "\t\tether type <= 0x05dc jump llc_p3\n"
+                     "\t\tether type 8021ad",
+                     chain),
               chain + strlen("chain port_p3 {\n"));
-    size_t bound = t.find("meta protocol ip iifname . ether saddr . ip saddr @bound accept", chain);
-    ASSERT_NE(bound, std::string::npos);
-    EXPECT_LT(bound, t.find("ether type 8021ad", chain));
+    size_t llc = t.find("chain llc_p3 {\n");
+    ASSERT_NE(llc, std::string::npos);
+    size_t llcEnd = t.find("\t}\n", llc);
+    EXPECT_LT(t.find("@ll,352,16 { 67, 68 } drop", llc), llcEnd);
+    EXPECT_LT(t.find("@ll,160,16 { 0x0800, 0x0806, 0x86dd } counter name \"sg_p3\" drop", llc), llcEnd);
+    // A trusted port: the DHCP drop and the jump, nothing else.
+    size_t p1 = t.find("chain port_p1 {\n");
+    ASSERT_NE(p1, std::string::npos);
+    EXPECT_EQ(t.substr(p1, t.find("\t}\n", p1) - p1),
+              "chain port_p1 {\n\t\tmeta protocol ip ip protocol udp udp dport 67-68 drop\n"
+              "\t\tether type <= 0x05dc jump llc_p1\n");
     // The sender MAC and the frame's source are both looked up: an ARP
     // claiming another station's binding from this one is refused.
     EXPECT_NE(t.find("meta protocol arp iifname . ether saddr . arp saddr ip @bound "
@@ -165,6 +181,21 @@ TEST(NftRules, TheHostPortTrapsWhatTheHostSends)
     EXPECT_EQ(t.find("\"br0\""), std::string::npos) << "nothing enters the bridge through its own device";
 }
 
+TEST(NftRules, WhatEntersFromTheHostsPairGoesUpToTheHostOnly)
+{
+    live::nft::Ruleset r = ruleset();
+    std::string t = live::nft::tableText(r, {});
+    EXPECT_EQ(t.find("hook forward"), std::string::npos) << "no host port: nothing on the forwarding path";
+    r.hostBridgeEnd = "dhcpsnoop-br";
+    t = live::nft::tableText(r, {});
+    EXPECT_NE(t.find("\tchain forward {\n\t\ttype filter hook forward priority -300; policy accept;\n"
+                     "\t\tiifname \"dhcpsnoop-br\" drop\n\t}\n"),
+              std::string::npos);
+    // Not trapped on the way in: the module sent those frames.
+    EXPECT_EQ(t.find("\"dhcpsnoop-br\" : jump"), std::string::npos);
+    EXPECT_EQ(count(t, "dhcpsnoop-br"), 1u);
+}
+
 TEST(NftRules, QuotableInterfaceNames)
 {
     EXPECT_TRUE(live::nft::quotableIfname("sw3"));
@@ -216,6 +247,9 @@ TEST(TrapFilter, NothingElse)
         {"UDP to another port", fb::Frame().dstPort(53).build()},
         {"from port 67 to another", fb::Frame().srcPort(67).dstPort(1067).build()},
         {"TCP to port 67", fb::Frame().protocol(6).build()},
+        {"TCP with IP options", fb::Frame().protocol(6).ihl(6).ipOptions(fb::Bytes(4, 1)).build()},
+        {"TCP behind an 802.1Q tag", fb::Frame().vlan(10).protocol(6).build()},
+        {"TCP in SNAP", fb::Frame().snap().protocol(6).build()},
         {"a later fragment", fb::Frame().fragment(0x0010).build()},
         {"IPv6 version", fb::Frame().ipVersion(6).build()},
         {"header shorter than 20 bytes", fb::Frame().ihl(4).build()},

@@ -701,6 +701,49 @@ SwQTableEntry entryFor(uint8_t last, uint8_t source)
     return e;
 }
 
+// Deleting an entry moves no other: the index a search gave stays the
+// entry's until it is deleted, the table keeps its order, and a search
+// finds the first of equal keys.
+TEST_F(Sim, SourceGuardDeletionKeepsOrderAndIndexes)
+{
+    for (uint8_t i = 1; i <= 5; ++i) {
+        SwQTableEntry e = entryFor(i, QTABLE_SOURCE_DHCP_SNOOP);
+        EXPECT_EQ(swQTableAdd(1, &e), 0u);
+    }
+    SwQTableEntry dup = entryFor(4, QTABLE_SOURCE_DHCP_SNOOP);
+    dup.vlan = 7;
+    EXPECT_EQ(swQTableAdd(1, &dup), 0u);
+    uint32_t i2 = 99, i4 = 99, found = 0;
+    SwQTableEntry k2 = entryFor(2, QTABLE_SOURCE_DHCP_SNOOP);
+    SwQTableEntry k4 = entryFor(4, QTABLE_SOURCE_DHCP_SNOOP);
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k2, &i2, &found), 0u);
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    EXPECT_EQ(i2, 1u);
+    EXPECT_EQ(i4, 3u);
+    EXPECT_EQ(swQTableDel(1, i2, 1), 0u);
+    EXPECT_EQ(swQTableDel(1, i2, 1), 1u) << "gone already";
+    EXPECT_EQ(swQTableDel(1, i4, 1), 0u) << "its index did not move";
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    ASSERT_EQ(found, 1u);
+    EXPECT_EQ(swQTableDel(1, i4, 1), 0u) << "the second entry of the key";
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    EXPECT_EQ(found, 0u);
+    const auto& q = sim::qtable();
+    ASSERT_EQ(q.size(), 3u);
+    EXPECT_EQ(q[0].ip[3], 1);
+    EXPECT_EQ(q[1].ip[3], 3);
+    EXPECT_EQ(q[2].ip[3], 5);
+    // Many deletions and additions: the table holds only what is left.
+    for (int round = 0; round < 500; ++round) {
+        SwQTableEntry e = entryFor((uint8_t)(10 + round % 100), QTABLE_SOURCE_DHCP_SNOOP);
+        EXPECT_EQ(swQTableAdd(1, &e), 0u);
+        uint32_t at = 0;
+        EXPECT_EQ(swQTableSearchByIpAndSource(&e, &at, &found), 0u);
+        EXPECT_EQ(swQTableDel(1, at, found), 0u);
+    }
+    EXPECT_EQ(sim::qtable().size(), 3u);
+}
+
 TEST_F(Sim, SourceGuardAddSearchDelete)
 {
     SwQTableEntry a = entryFor(1, QTABLE_SOURCE_DHCP_SNOOP);

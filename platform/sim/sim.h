@@ -10,6 +10,7 @@
 #pragma once
 
 #include <array>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -104,7 +105,11 @@ void clearLogs();
 // switch at 1, the module's call site of such a line is then answered 0 by
 // debugFlagGet, so the module does not even compose it again (composing asks
 // the kernel for the thread name). nullptr (the default): every line.
-void setLogFilter(bool (*wanted)(const char* format));
+// lineWanted, when given, is asked next for each line its format let
+// through, with the line's arguments (a copy): a line it declines is not
+// formatted or recorded either, and its site is asked again next time.
+void setLogFilter(bool (*wanted)(const char* format),
+                  bool (*lineWanted)(const char* format, va_list args) = nullptr);
 // Messages of all lines, in order.
 std::vector<std::string> messages();
 // Number of lines whose message equals text.

@@ -273,6 +273,33 @@ TEST_F(Sim, MutexTakeGiveAndDestroy)
     EXPECT_EQ(sim::events(), expect);
 }
 
+// One thread (a replay): the same answers without the lock; a second
+// thread's call is refused loudly; off again, threads mix as before.
+TEST_F(Sim, OneThreadModeKeepsMutexAnswersAndRefusesOtherThreads)
+{
+    PalMutex* m = pal_mutex_create("mx");
+    ASSERT_NE(m, nullptr);
+    sim::setOneThread(true);
+    EXPECT_EQ(pal_mutex_take_int(m, PAL_WAIT_FOREVER), 0);
+    EXPECT_EQ(pal_mutex_take_int(m, 0), -1);  // held
+    EXPECT_EQ(pal_mutex_give_int(m), 0);
+    EXPECT_EQ(pal_mutex_give_int(m), -1);     // not held
+    EXPECT_EQ(pal_mutex_take_int(m, 0), 0);
+    void* p = pal_alloc(8, "x");
+    EXPECT_TRUE(sim::isLiveAlloc(p));
+    pal_free(p);
+    EXPECT_DEATH(std::thread([] { pal_free(pal_alloc(8, "y")); }).join(), "second thread");
+    sim::setOneThread(false);
+    // Taken in one-thread mode, given back by another thread afterwards.
+    std::thread([m] { EXPECT_EQ(pal_mutex_give_int(m), 0); }).join();
+    EXPECT_EQ(pal_mutex_take_int(m, 0), 0);
+    EXPECT_EQ(pal_mutex_give_int(m), 0);
+    sim::setOneThread(true);
+    sim::reset();  // ends the mode
+    std::thread([] { pal_free(pal_alloc(8, "z")); }).join();
+    EXPECT_EQ(sim::outstandingAllocs(), 0u);
+}
+
 TEST_F(Sim, BlockedTakeLeavesPlatformUsable)
 {
     PalMutex* m = pal_mutex_create("mx");

@@ -157,9 +157,26 @@ struct FdbValue {
 // then yields, without the general recursive mutex's cost.
 class SimLock {
 public:
+    // With one thread only (setOneThread) the lock is not taken: a locked
+    // instruction per call is most of what a call costs. A call from
+    // another thread then is a misuse and ends the program.
+    void oneThread(bool on)
+    {
+        only_.store(on ? self() : 0, std::memory_order_relaxed);
+    }
+    bool isOneThread() const { return only_.load(std::memory_order_relaxed) != 0; }
+
     void lock()
     {
         uintptr_t me = self();
+        uintptr_t only = only_.load(std::memory_order_relaxed);
+        if (only != 0) {
+            if (only != me) {
+                fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
+                abort();
+            }
+            return;
+        }
         if (owner_.load(std::memory_order_relaxed) == me) {
             ++depth_;
             return;
@@ -175,6 +192,8 @@ public:
     }
     void unlock()
     {
+        if (only_.load(std::memory_order_relaxed) != 0)
+            return;
         if (--depth_ == 0) {
             owner_.store(0, std::memory_order_relaxed);
             busy_.store(false, std::memory_order_release);
@@ -188,6 +207,7 @@ private:
         return reinterpret_cast<uintptr_t>(&tag);
     }
     std::atomic<bool> busy_{false};
+    std::atomic<uintptr_t> only_{0};   // the one thread, or 0
     std::atomic<uintptr_t> owner_{0};  // only ever a thread's own id while it holds the lock
     unsigned depth_ = 0;
 };
@@ -313,62 +333,69 @@ std::atomic<uint32_t> gDebugFlag{0};
 // (a new generation) starts every thread afresh.
 // (32 bits: the 32-bit target has no lock-free 64-bit atomics.)
 std::atomic<uint32_t> gSiteGeneration{0};
-// Asked some fifty times a frame: a small open-addressed table, no heap.
-// A site it has no room for stays unknown (the line is composed).
+// Asked some fifty times a frame: a small open-addressed table, no heap,
+// kept small (the sites apart from the answers) so that it stays in the
+// cache beside the module's own data. A site it has no room for stays
+// unknown (the line is composed).
 struct SiteCache {
-    static constexpr size_t kSlots = 1024;  // far more than the module's lines
-    struct Slot {
-        const void* site;
-        bool wanted;
-    };
+    static constexpr size_t kSlots = 1024;  // the module has a few hundred lines
     // Zero-initialised per thread (no constructor to run): generation 0,
     // the first, and no site known.
     uint32_t generation;
     size_t used;
-    Slot slots[kSlots];
+    const void* sites[kSlots];
+    bool wanted[kSlots];
 
     static size_t home(const void* site)
     {
         uintptr_t a = reinterpret_cast<uintptr_t>(site);
-        return (size_t)((a ^ (a >> 10)) * 2654435761u) % kSlots;
+        return (size_t)((a ^ (a >> 9)) * 2654435761u) % kSlots;
     }
-    // nullptr when the site is unknown.
-    const Slot* find(const void* site) const
+    // The slot of a known site, or kSlots.
+    size_t find(const void* site) const
     {
         for (size_t i = home(site), n = 0; n < kSlots; i = (i + 1) % kSlots, ++n) {
-            if (slots[i].site == site)
-                return &slots[i];
-            if (slots[i].site == nullptr)
-                return nullptr;
+            if (sites[i] == site)
+                return i;
+            if (sites[i] == nullptr)
+                return kSlots;
         }
-        return nullptr;
+        return kSlots;
     }
-    void set(const void* site, bool wanted)
+    void set(const void* site, bool w)
     {
         for (size_t i = home(site), n = 0; n < kSlots; i = (i + 1) % kSlots, ++n) {
-            if (slots[i].site == site) {
-                slots[i].wanted = wanted;
+            if (sites[i] == site) {
+                wanted[i] = w;
                 return;
             }
-            if (slots[i].site == nullptr) {
+            if (sites[i] == nullptr) {
                 if (used >= kSlots / 2)
                     return;
-                slots[i] = Slot{site, wanted};
+                sites[i] = site;
+                wanted[i] = w;
                 ++used;
                 return;
             }
         }
     }
 };
-SiteCache& siteCache()
+thread_local SiteCache tSiteCache;
+
+__attribute__((noinline)) void siteCacheRenew(SiteCache& cache, uint32_t g)
 {
-    thread_local SiteCache cache;
+    memset(cache.sites, 0, sizeof cache.sites);
+    memset(cache.wanted, 0, sizeof cache.wanted);
+    cache.used = 0;
+    cache.generation = g;
+}
+
+inline SiteCache& siteCache()
+{
+    SiteCache& cache = tSiteCache;
     uint32_t g = gSiteGeneration.load(std::memory_order_acquire);
-    if (cache.generation != g) {
-        memset(cache.slots, 0, sizeof cache.slots);
-        cache.used = 0;
-        cache.generation = g;
-    }
+    if (cache.generation != g)
+        siteCacheRenew(cache, g);
     return cache;
 }
 
@@ -430,7 +457,7 @@ inline void noteModuleId(uint32_t mid)
         noteNewModuleId(mid);
 }
 
-void noteNewModuleId(uint32_t mid)
+__attribute__((noinline)) void noteNewModuleId(uint32_t mid)
 {
     State& s = st();
     Guard g(s.lock);
@@ -739,6 +766,12 @@ int32_t pal_mutex_take_int(PalMutex* m, int32_t timeout)
         Guard g(s.lock);
         if (!m || !knownMutex(s, m))
             return -1;
+        // One thread: nobody else holds m->m or waits; a free mutex is
+        // simply taken (a taken one blocks as ever).
+        if (s.lock.isOneThread() && !m->locked && !m->destroyed) {
+            m->locked = true;
+            return 0;
+        }
     }
     // The sim lock is released here: blocking must not stop other threads.
     std::unique_lock<std::mutex> lk(m->m);
@@ -764,6 +797,12 @@ int32_t pal_mutex_give_int(PalMutex* m)
         Guard g(s.lock);
         if (!m || !knownMutex(s, m))
             return -1;
+        if (s.lock.isOneThread()) {
+            if (m->destroyed || !m->locked)
+                return -1;
+            m->locked = false;  // nobody waits
+            return 0;
+        }
     }
     {
         std::lock_guard<std::mutex> lk(m->m);
@@ -1003,8 +1042,13 @@ uint32_t debugFlagGet(uint32_t mid)
     // A line the filter declined at this site before is not even composed.
     tFlagSite = site;
     tNamed = false;
-    const SiteCache::Slot* known = siteCache().find(site);
-    return known != nullptr && !known->wanted ? 0 : 1;
+    SiteCache& c = siteCache();
+    // Nearly always found at once: no probing, no call.
+    size_t home = SiteCache::home(site);
+    if (c.sites[home] == site)
+        return c.wanted[home] ? 1 : 0;
+    size_t at = c.sites[home] == nullptr ? SiteCache::kSlots : c.find(site);
+    return at != SiteCache::kSlots && !c.wanted[at] ? 0 : 1;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
@@ -1103,6 +1147,17 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
 
 // ---- ports ------------------------------------------------------------------
 
+constexpr uint32_t kIndexTable = 8 * kPortsPerUnit + kMaxPortChannels;
+
+__attribute__((noinline)) static void fillIndexTable(up* handles, uint32_t* count, uint32_t* kept, uint32_t maxUnit)
+{
+    uint32_t n = portindex::count(maxUnit);
+    *count = n <= kIndexTable ? n : 0;  // a larger stack is computed each time
+    for (uint32_t i = 0; i < *count; ++i)
+        handles[i] = portindex::handleOf(i, maxUnit);
+    *kept = maxUnit;
+}
+
 uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
                              uint32_t line)
 {
@@ -1110,9 +1165,28 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     (void)line;
     if (!handle)
         return 1;
-    gFromIndexCalls.fetch_add(1, std::memory_order_relaxed);
+    // Counted exactly by one thread (the tests that count have one); racing
+    // threads may lose counts rather than pay a locked instruction each.
+    gFromIndexCalls.store(gFromIndexCalls.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    uint32_t maxUnit = gMaxUnit.load(std::memory_order_relaxed);
+    // The module walks every running index of a port list, frame after
+    // frame: each thread keeps the handles of the current stack.
+    thread_local struct {
+        uint32_t maxUnit;  // 0: nothing kept yet
+        uint32_t count;
+        up handles[kIndexTable];
+    } table;
+    if (flag == 1) {
+        if (table.maxUnit != maxUnit)
+            fillIndexTable(table.handles, &table.count, &table.maxUnit, maxUnit);
+        if (index < table.count) {
+            *handle = table.handles[index];
+            return 0;
+        }
+    }
     // flag 0: a port index counted from 1 (the rate limits' numbering).
-    return portindex::fromIndex(handle, index, flag, gMaxUnit.load(std::memory_order_relaxed));
+    return portindex::fromIndex(handle, index, flag, maxUnit);
 }
 
 uint32_t inner_up_is_valid(up handle)
@@ -1579,6 +1653,7 @@ namespace sim {
 void reset()
 {
     State& s = st();
+    s.lock.oneThread(false);
     Guard g(s.lock);
     freeEverything(s);
     ++s.generation;
@@ -1647,6 +1722,12 @@ void reset()
     gLogFilter.store(nullptr);
     gLineFilter.store(nullptr);
     gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void setOneThread(bool on)
+{
+    State& s = st();
+    s.lock.oneThread(on);
 }
 
 void setRecording(const Recording& recording)

@@ -51,6 +51,10 @@ struct Recording {
     size_t releasedFrames = SIZE_MAX;
 };
 void setRecording(const Recording& recording);
+// Only the calling thread calls the platform from now until reset() (a
+// replay): the simulation's lock is not taken, and a call from any other
+// thread ends the program. Off by default.
+void setOneThread(bool on);
 
 // ---- switch model ------------------------------------------------------------------
 

@@ -145,6 +145,8 @@ public:
     {
         dhcpSnoopResetState();
         sim::reset();
+        // The replay drives the module's tasks itself, on this thread.
+        sim::setOneThread(true);
         if (!opt_.keepSimRecords) {
             // Only what each frame leaves behind is read, then cleared.
             sim::Recording rec;
@@ -204,6 +206,7 @@ public:
     ~Engine()
     {
         sim::setLogFilter(nullptr);
+        sim::setOneThread(false);
         if (!root_.empty()) {
             std::error_code ec;
             std::filesystem::remove_all(root_, ec);

@@ -171,10 +171,8 @@ public:
         uintptr_t me = self();
         uintptr_t only = only_.load(std::memory_order_relaxed);
         if (only != 0) {
-            if (only != me) {
-                fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
-                abort();
-            }
+            if (only != me)
+                secondThread();
             return;
         }
         if (owner_.load(std::memory_order_relaxed) == me) {
@@ -201,6 +199,11 @@ public:
     }
 
 private:
+    [[noreturn]] __attribute__((noinline)) static void secondThread()
+    {
+        fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
+        abort();
+    }
     static uintptr_t self()
     {
         thread_local char tag;
@@ -315,6 +318,8 @@ std::atomic<bool (*)(const char*, va_list)> gLineFilter{nullptr};
 // Whether any failure or hook is armed: most platform calls pass the
 // failure check, which then needs neither the lock nor the key's text.
 std::atomic<bool> gArmed{false};
+// Bumped whenever a queue is made or all are forgotten (queueSerial).
+std::atomic<uint32_t> gQueueSerial{0};
 // The highest present unit and the count of inner_up_from_index calls:
 // the module walks every port index of a frame's list, unlocked here.
 std::atomic<uint32_t> gMaxUnit{1};
@@ -401,7 +406,8 @@ inline SiteCache& siteCache()
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
-State& st()
+// (Made on first use: a test's static objects may call the platform.)
+inline State& st()
 {
     static State* s = new State;
     return *s;
@@ -467,10 +473,16 @@ __attribute__((noinline)) void noteNewModuleId(uint32_t mid)
 
 // The one failure-injection check: true when the call named by key fails,
 // with *code set to the armed value. Runs the call's hook first.
-bool shouldFail(const char* key, uint32_t* code)
+bool armedFail(const char* key, uint32_t* code);
+
+// Most calls find nothing armed: answered inline.
+inline bool shouldFail(const char* key, uint32_t* code)
 {
-    if (!gArmed.load(std::memory_order_acquire))
-        return false;
+    return gArmed.load(std::memory_order_acquire) && armedFail(key, code);
+}
+
+__attribute__((noinline)) bool armedFail(const char* key, uint32_t* code)
+{
     runHook(key);
     State& s = st();
     Guard g(s.lock);
@@ -825,6 +837,7 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
     State& s = st();
     Guard g(s.lock);
     s.queues.push_back(Queue{n, depth, recordSize, option, {}});
+    gQueueSerial.fetch_add(1, std::memory_order_relaxed);
     event(s, "queue_create " + n + " " + std::to_string(depth) + " " + std::to_string(recordSize) +
                  " " + std::to_string(option));
     return (PalMsgQ)s.queues.size();
@@ -1689,6 +1702,7 @@ void reset()
     s.events.clear();
 
     s.queues.clear();
+    gQueueSerial.fetch_add(1, std::memory_order_relaxed);
     s.mutexes.clear();
     s.threads.clear();
     s.sleptMs = 0;
@@ -2112,6 +2126,8 @@ void clearEvents()
 }
 
 // ---- queues and tasks -----------------------------------------------------------------
+
+uint32_t queueSerial() { return gQueueSerial.load(std::memory_order_relaxed); }
 
 PalMsgQ queueByName(const std::string& name)
 {

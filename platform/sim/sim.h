@@ -184,6 +184,9 @@ void clearEvents();
 // ---- queues and tasks -----------------------------------------------------------------
 
 PalMsgQ queueByName(const std::string& name);    // 0 when there is none
+// Changes whenever a queue is made or reset() forgets them all: a caller
+// that keeps the handle queueByName gave looks it up again only then.
+uint32_t queueSerial();
 size_t queueDepth(PalMsgQ q);                     // records waiting
 size_t queueCapacity(PalMsgQ q);
 int32_t lastSendWait(PalMsgQ q);                  // wait argument of the last send

@@ -326,6 +326,35 @@ TEST(DropReasonFormat, OnlyFormatsThatCouldNameADropMatter)
     EXPECT_TRUE(dropreason::formatMayMatter("plain"));
 }
 
+bool lineMatters(const char* format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    bool r = dropreason::lineMayMatter(format, ap);
+    va_end(ap);
+    return r;
+}
+
+// A line whose format lets it through is looked at with its arguments
+// before it is formatted whole: its message alone decides.
+TEST(DropReasonFormat, OnlyLinesWhoseMessageCouldNameADropMatter)
+{
+    const char* debug = DHCP_SNOOP_DEBUG_PREFIX " %s\r\n";
+    EXPECT_FALSE(lineMatters(debug, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "dhcpSnoopFreeMem"));
+    EXPECT_TRUE(lineMatters(debug, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "Packet flow overflow"));
+    EXPECT_TRUE(lineMatters(debug, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "Packet flow"));
+    EXPECT_TRUE(lineMatters(debug, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "E - 5 call x failed."));
+    EXPECT_TRUE(lineMatters(debug, "swapp", "DSTask", "DHCPSNOOP", "f", 1, (const char*)nullptr));
+    const char* port = DHCP_SNOOP_DEBUG_PREFIX " Forward packet to port %s\r\n";
+    EXPECT_TRUE(lineMatters(port, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "failed."));
+    EXPECT_FALSE(lineMatters(port, "swapp", "DSTask", "DHCPSNOOP", "f", 1, "1/0/3"));
+    const char* vid = DHCP_SNOOP_DEBUG_PREFIX " vid = %d\r\n";
+    EXPECT_FALSE(lineMatters(vid, "swapp", "DSTask", "DHCPSNOOP", "f", 1, 10));
+    // Not a debug line's composition: always kept.
+    EXPECT_TRUE(lineMatters("\x1b[31;49m[<%s/%s>:<%s/%s()/%d>] vid = %d", "a", "b", "c", "d", 1, 2));
+    EXPECT_TRUE(lineMatters("plain"));
+}
+
 // The binding file is saved at once after a quiet spell, then at most every
 // 300 ms of switch time: four bindings 50 ms apart make two saves, the
 // second holding all four; one still waiting is written when the run ends.

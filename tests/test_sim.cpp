@@ -273,6 +273,33 @@ TEST_F(Sim, MutexTakeGiveAndDestroy)
     EXPECT_EQ(sim::events(), expect);
 }
 
+// One thread (a replay): the same answers without the lock; a second
+// thread's call is refused loudly; off again, threads mix as before.
+TEST_F(Sim, OneThreadModeKeepsMutexAnswersAndRefusesOtherThreads)
+{
+    PalMutex* m = pal_mutex_create("mx");
+    ASSERT_NE(m, nullptr);
+    sim::setOneThread(true);
+    EXPECT_EQ(pal_mutex_take_int(m, PAL_WAIT_FOREVER), 0);
+    EXPECT_EQ(pal_mutex_take_int(m, 0), -1);  // held
+    EXPECT_EQ(pal_mutex_give_int(m), 0);
+    EXPECT_EQ(pal_mutex_give_int(m), -1);     // not held
+    EXPECT_EQ(pal_mutex_take_int(m, 0), 0);
+    void* p = pal_alloc(8, "x");
+    EXPECT_TRUE(sim::isLiveAlloc(p));
+    pal_free(p);
+    EXPECT_DEATH(std::thread([] { pal_free(pal_alloc(8, "y")); }).join(), "second thread");
+    sim::setOneThread(false);
+    // Taken in one-thread mode, given back by another thread afterwards.
+    std::thread([m] { EXPECT_EQ(pal_mutex_give_int(m), 0); }).join();
+    EXPECT_EQ(pal_mutex_take_int(m, 0), 0);
+    EXPECT_EQ(pal_mutex_give_int(m), 0);
+    sim::setOneThread(true);
+    sim::reset();  // ends the mode
+    std::thread([] { pal_free(pal_alloc(8, "z")); }).join();
+    EXPECT_EQ(sim::outstandingAllocs(), 0u);
+}
+
 TEST_F(Sim, BlockedTakeLeavesPlatformUsable)
 {
     PalMutex* m = pal_mutex_create("mx");
@@ -699,6 +726,49 @@ SwQTableEntry entryFor(uint8_t last, uint8_t source)
     e.ip[3] = last;
     e.source = source;
     return e;
+}
+
+// Deleting an entry moves no other: the index a search gave stays the
+// entry's until it is deleted, the table keeps its order, and a search
+// finds the first of equal keys.
+TEST_F(Sim, SourceGuardDeletionKeepsOrderAndIndexes)
+{
+    for (uint8_t i = 1; i <= 5; ++i) {
+        SwQTableEntry e = entryFor(i, QTABLE_SOURCE_DHCP_SNOOP);
+        EXPECT_EQ(swQTableAdd(1, &e), 0u);
+    }
+    SwQTableEntry dup = entryFor(4, QTABLE_SOURCE_DHCP_SNOOP);
+    dup.vlan = 7;
+    EXPECT_EQ(swQTableAdd(1, &dup), 0u);
+    uint32_t i2 = 99, i4 = 99, found = 0;
+    SwQTableEntry k2 = entryFor(2, QTABLE_SOURCE_DHCP_SNOOP);
+    SwQTableEntry k4 = entryFor(4, QTABLE_SOURCE_DHCP_SNOOP);
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k2, &i2, &found), 0u);
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    EXPECT_EQ(i2, 1u);
+    EXPECT_EQ(i4, 3u);
+    EXPECT_EQ(swQTableDel(1, i2, 1), 0u);
+    EXPECT_EQ(swQTableDel(1, i2, 1), 1u) << "gone already";
+    EXPECT_EQ(swQTableDel(1, i4, 1), 0u) << "its index did not move";
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    ASSERT_EQ(found, 1u);
+    EXPECT_EQ(swQTableDel(1, i4, 1), 0u) << "the second entry of the key";
+    EXPECT_EQ(swQTableSearchByIpAndSource(&k4, &i4, &found), 0u);
+    EXPECT_EQ(found, 0u);
+    const auto& q = sim::qtable();
+    ASSERT_EQ(q.size(), 3u);
+    EXPECT_EQ(q[0].ip[3], 1);
+    EXPECT_EQ(q[1].ip[3], 3);
+    EXPECT_EQ(q[2].ip[3], 5);
+    // Many deletions and additions: the table holds only what is left.
+    for (int round = 0; round < 500; ++round) {
+        SwQTableEntry e = entryFor((uint8_t)(10 + round % 100), QTABLE_SOURCE_DHCP_SNOOP);
+        EXPECT_EQ(swQTableAdd(1, &e), 0u);
+        uint32_t at = 0;
+        EXPECT_EQ(swQTableSearchByIpAndSource(&e, &at, &found), 0u);
+        EXPECT_EQ(swQTableDel(1, at, found), 0u);
+    }
+    EXPECT_EQ(sim::qtable().size(), 3u);
 }
 
 TEST_F(Sim, SourceGuardAddSearchDelete)

@@ -13,6 +13,27 @@ namespace {
 // requests, as the real task would.
 std::atomic<bool> gSaveEnded{false};
 
+// A task's queue, looked up by name once per set of queues: the pumps run
+// several times a frame.
+class QueueOf {
+public:
+    explicit QueueOf(const char* name) : name_(name) {}
+    PalMsgQ get()
+    {
+        uint32_t serial = sim::queueSerial();
+        if (serial != serial_.load(std::memory_order_acquire) || q_ == 0) {
+            q_ = sim::queueByName(name_);
+            serial_.store(serial, std::memory_order_release);
+        }
+        return q_;
+    }
+
+private:
+    const char* name_;
+    std::atomic<uint32_t> serial_{UINT32_MAX};
+    std::atomic<PalMsgQ> q_{0};
+};
+
 }  // namespace
 
 void startTasks()
@@ -23,7 +44,8 @@ void startTasks()
 
 size_t pumpMain()
 {
-    PalMsgQ q = sim::queueByName(DHCP_SNOOP_QUEUE_NAME);
+    static QueueOf main(DHCP_SNOOP_QUEUE_NAME);
+    PalMsgQ q = main.get();
     if (q == 0)
         return 0;
     size_t n = 0;
@@ -37,7 +59,8 @@ size_t pumpMain()
 
 size_t pumpFdb()
 {
-    PalMsgQ q = sim::queueByName(DHCP_SNOOP_FDB_QUEUE_NAME);
+    static QueueOf fdb(DHCP_SNOOP_FDB_QUEUE_NAME);
+    PalMsgQ q = fdb.get();
     if (q == 0)
         return 0;
     size_t n = 0;

@@ -29,6 +29,7 @@
 #include <set>
 #include <unordered_map>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -71,6 +72,7 @@ namespace {
 constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
 constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 constexpr size_t kFrameCapacity = 2048;
+constexpr size_t kSpareFrames = 16;
 constexpr uint32_t kDefaultPortCount = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
 const sim::Mac kDefaultMac = {0x00, 0x0e, 0x5e, 0x00, 0x00, 0x01};
@@ -97,7 +99,40 @@ struct Queue {
     uint32_t depth;
     uint32_t recordSize;
     uint32_t option;
-    std::deque<std::vector<uint8_t>> records;
+    // The records waiting, oldest first: a ring of recordSize slots that
+    // grows up to depth, so that a record costs no allocation.
+    std::vector<uint8_t> ring;
+    size_t slots = 0;
+    size_t head = 0;
+    size_t count = 0;
+
+    bool empty() const { return count == 0; }
+    size_t size() const { return count; }
+    size_t stride() const { return recordSize != 0 ? recordSize : 1; }
+    const uint8_t* front() const { return ring.data() + head * stride(); }
+    void pop()
+    {
+        head = (head + 1) % slots;
+        --count;
+    }
+    // A zeroed slot at the back (the caller checked the depth).
+    uint8_t* push()
+    {
+        if (count == slots) {
+            size_t grown = std::max<size_t>(4, slots * 2);
+            std::vector<uint8_t> r(grown * stride());
+            for (size_t i = 0; i < count; ++i)
+                memcpy(r.data() + i * stride(), ring.data() + ((head + i) % slots) * stride(),
+                       stride());
+            ring.swap(r);
+            slots = grown;
+            head = 0;
+        }
+        uint8_t* at = ring.data() + ((head + count) % slots) * stride();
+        memset(at, 0, stride());
+        ++count;
+        return at;
+    }
     int32_t lastSendWait = 0;
     int32_t lastReceiveWait = 0;
 };
@@ -116,8 +151,83 @@ struct FdbValue {
     uint32_t word;
 };
 
+// The simulation's one lock, taken by nearly every platform call (some
+// seventy a replayed frame) and held only for a few steps, never while
+// anything blocks: a flag and an owner, recursive, that spins briefly and
+// then yields, without the general recursive mutex's cost.
+class SimLock {
+public:
+    // With one thread only (setOneThread) the lock is not taken: a locked
+    // instruction per call is most of what a call costs. A call from
+    // another thread then is a misuse and ends the program.
+    void oneThread(bool on)
+    {
+        only_.store(on ? self() : 0, std::memory_order_relaxed);
+    }
+    bool isOneThread() const { return only_.load(std::memory_order_relaxed) != 0; }
+
+    void lock()
+    {
+        uintptr_t me = self();
+        uintptr_t only = only_.load(std::memory_order_relaxed);
+        if (only != 0) {
+            if (only != me)
+                secondThread();
+            return;
+        }
+        if (owner_.load(std::memory_order_relaxed) == me) {
+            ++depth_;
+            return;
+        }
+        for (unsigned spins = 0; busy_.exchange(true, std::memory_order_acquire);) {
+            if (++spins >= 64) {
+                std::this_thread::yield();
+                spins = 0;
+            }
+        }
+        owner_.store(me, std::memory_order_relaxed);
+        depth_ = 1;
+    }
+    void unlock()
+    {
+        if (only_.load(std::memory_order_relaxed) != 0)
+            return;
+        if (--depth_ == 0) {
+            owner_.store(0, std::memory_order_relaxed);
+            busy_.store(false, std::memory_order_release);
+        }
+    }
+
+private:
+    [[noreturn]] __attribute__((noinline)) static void secondThread()
+    {
+        fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
+        abort();
+    }
+    static uintptr_t self()
+    {
+        thread_local char tag;
+        return reinterpret_cast<uintptr_t>(&tag);
+    }
+    std::atomic<bool> busy_{false};
+    std::atomic<uintptr_t> only_{0};   // the one thread, or 0
+    std::atomic<uintptr_t> owner_{0};  // only ever a thread's own id while it holds the lock
+    unsigned depth_ = 0;
+};
+
+struct MacVlanHash {
+    size_t operator()(const std::pair<sim::Mac, uint32_t>& k) const
+    {
+        uint64_t v = 0;
+        for (uint8_t b : k.first)
+            v = v << 8 | b;
+        v ^= (uint64_t)k.second << 48 ^ (uint64_t)k.second;
+        return (size_t)(v * 0x9E3779B97F4A7C15ull >> 16);
+    }
+};
+
 struct State {
-    std::recursive_mutex lock;
+    SimLock lock;
     uint64_t generation = 0;  // bumped by reset(), so a running advance can notice
 
     // switch model
@@ -130,7 +240,7 @@ struct State {
     sim::Mac mac = kDefaultMac;
 
     // configuration
-    std::map<up, DhcpSnoopPortCfg> portCfg;
+    std::unordered_map<up, DhcpSnoopPortCfg> portCfg;  // nodes never move: portCfg() hands out references
     std::set<uint16_t> snoopVlans;
     uint8_t qAddStatus = 1;
     bool includeIpFilter = false;
@@ -168,20 +278,30 @@ struct State {
     uint32_t timerSerial = 0;
 
     // frames and transmission
-    std::map<uint8_t*, Frame> liveFrames;
-    std::map<uint8_t*, Frame> releasedFrames;
+    std::unordered_map<uint8_t*, Frame> liveFrames;
+    std::unordered_map<uint8_t*, Frame> releasedFrames;
     std::deque<uint8_t*> releaseOrder;  // releasedFrames, oldest first
+    // Buffers of the usual capacity no longer reserved, for the next frames.
+    std::vector<uint8_t*> spareFrames;
     size_t badReleases = 0;
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
-    size_t fromIndexCalls = 0;
     std::vector<sim::SentPacket> sent;
 
     // forwarding database
-    std::map<std::pair<sim::Mac, uint32_t>, FdbValue> fdb;
+    std::unordered_map<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
     std::vector<sim::FdbLookup> fdbLookups;
 
+    // The source-guard table: slots in the order entries came, a deleted
+    // entry's slot left empty until the table is compacted, so that a
+    // deletion moves nothing; searched through an index of (ip, source).
     std::vector<SwQTableEntry> qtable;
+    std::vector<uint8_t> qtableLive;
+    size_t qtableHoles = 0;
+    std::unordered_map<uint64_t, std::vector<uint32_t>> qtableIndex;  // slots, ascending
+
+    // usUp2Str's texts: the module asks for a port's text several times a frame.
+    std::unordered_map<up, std::string> nameCache;
 
     sim::StkRegistrations stk;
     std::vector<std::vector<uint8_t>> runtimeRecords;
@@ -194,6 +314,16 @@ struct State {
 
 // Read before every line is formatted: kept out of the lock.
 std::atomic<bool (*)(const char*)> gLogFilter{nullptr};
+std::atomic<bool (*)(const char*, va_list)> gLineFilter{nullptr};
+// Whether any failure or hook is armed: most platform calls pass the
+// failure check, which then needs neither the lock nor the key's text.
+std::atomic<bool> gArmed{false};
+// Bumped whenever a queue is made or all are forgotten (queueSerial).
+std::atomic<uint32_t> gQueueSerial{0};
+// The highest present unit and the count of inner_up_from_index calls:
+// the module walks every port index of a frame's list, unlocked here.
+std::atomic<uint32_t> gMaxUnit{1};
+std::atomic<size_t> gFromIndexCalls{0};
 // The module's line: debugFlagGet at the line's call site, the line composed
 // (which asks the kernel for the thread name), its arguments with
 // midNameGet among them, then debugPrintf. A site is tied to the format
@@ -208,30 +338,88 @@ std::atomic<uint32_t> gDebugFlag{0};
 // (a new generation) starts every thread afresh.
 // (32 bits: the 32-bit target has no lock-free 64-bit atomics.)
 std::atomic<uint32_t> gSiteGeneration{0};
+// Asked some fifty times a frame: a small open-addressed table, no heap,
+// kept small (the sites apart from the answers) so that it stays in the
+// cache beside the module's own data. A site it has no room for stays
+// unknown (the line is composed).
 struct SiteCache {
-    uint32_t generation = UINT32_MAX;
-    std::unordered_map<const void*, bool> wanted;
-};
-SiteCache& siteCache()
-{
-    thread_local SiteCache cache;
-    uint32_t g = gSiteGeneration.load(std::memory_order_acquire);
-    if (cache.generation != g) {
-        cache.wanted.clear();
-        cache.generation = g;
+    static constexpr size_t kSlots = 1024;  // the module has a few hundred lines
+    // Zero-initialised per thread (no constructor to run): generation 0,
+    // the first, and no site known.
+    uint32_t generation;
+    size_t used;
+    const void* sites[kSlots];
+    bool wanted[kSlots];
+
+    static size_t home(const void* site)
+    {
+        uintptr_t a = reinterpret_cast<uintptr_t>(site);
+        return (size_t)((a ^ (a >> 9)) * 2654435761u) % kSlots;
     }
+    // The slot of a known site, or kSlots.
+    size_t find(const void* site) const
+    {
+        for (size_t i = home(site), n = 0; n < kSlots; i = (i + 1) % kSlots, ++n) {
+            if (sites[i] == site)
+                return i;
+            if (sites[i] == nullptr)
+                return kSlots;
+        }
+        return kSlots;
+    }
+    void set(const void* site, bool w)
+    {
+        for (size_t i = home(site), n = 0; n < kSlots; i = (i + 1) % kSlots, ++n) {
+            if (sites[i] == site) {
+                wanted[i] = w;
+                return;
+            }
+            if (sites[i] == nullptr) {
+                if (used >= kSlots / 2)
+                    return;
+                sites[i] = site;
+                wanted[i] = w;
+                ++used;
+                return;
+            }
+        }
+    }
+};
+thread_local SiteCache tSiteCache;
+
+__attribute__((noinline)) void siteCacheRenew(SiteCache& cache, uint32_t g)
+{
+    memset(cache.sites, 0, sizeof cache.sites);
+    memset(cache.wanted, 0, sizeof cache.wanted);
+    cache.used = 0;
+    cache.generation = g;
+}
+
+inline SiteCache& siteCache()
+{
+    SiteCache& cache = tSiteCache;
+    uint32_t g = gSiteGeneration.load(std::memory_order_acquire);
+    if (cache.generation != g)
+        siteCacheRenew(cache, g);
     return cache;
 }
 
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
-State& st()
+// (Made on first use: a test's static objects may call the platform.)
+inline State& st()
 {
     static State* s = new State;
     return *s;
 }
 
-using Guard = std::lock_guard<std::recursive_mutex>;
+using Guard = std::lock_guard<SimLock>;
+
+// After any change of the failures or hooks, under the lock.
+void rearm(State& s)
+{
+    gArmed.store(!s.failures.empty() || !s.hooks.empty(), std::memory_order_release);
+}
 
 std::string tagText(const char* tag) { return tag ? tag : "(null)"; }
 
@@ -239,6 +427,8 @@ std::string tagText(const char* tag) { return tag ? tag : "(null)"; }
 // lock (a hook may call the module, or throw to leave a task loop).
 void runHook(const char* key)
 {
+    if (!gArmed.load(std::memory_order_acquire))
+        return;
     State& s = st();
     std::function<void()> fn;
     {
@@ -252,8 +442,10 @@ void runHook(const char* key)
             return;
         }
         fn = h.fn;
-        if (h.times > 0 && --h.times == 0)
+        if (h.times > 0 && --h.times == 0) {
             s.hooks.erase(it);
+            rearm(s);
+        }
     }
     if (fn)
         fn();
@@ -263,10 +455,16 @@ void runHook(const char* key)
 // differs from the last one noted.
 std::atomic<uint32_t> gLastModuleId{UINT32_MAX};
 
-void noteModuleId(uint32_t mid)
+void noteNewModuleId(uint32_t mid);
+
+inline void noteModuleId(uint32_t mid)
 {
-    if (gLastModuleId.load(std::memory_order_relaxed) == mid)
-        return;
+    if (gLastModuleId.load(std::memory_order_relaxed) != mid)
+        noteNewModuleId(mid);
+}
+
+__attribute__((noinline)) void noteNewModuleId(uint32_t mid)
+{
     State& s = st();
     Guard g(s.lock);
     s.moduleIds.insert(mid);
@@ -275,7 +473,15 @@ void noteModuleId(uint32_t mid)
 
 // The one failure-injection check: true when the call named by key fails,
 // with *code set to the armed value. Runs the call's hook first.
-bool shouldFail(const char* key, uint32_t* code)
+bool armedFail(const char* key, uint32_t* code);
+
+// Most calls find nothing armed: answered inline.
+inline bool shouldFail(const char* key, uint32_t* code)
+{
+    return gArmed.load(std::memory_order_acquire) && armedFail(key, code);
+}
+
+__attribute__((noinline)) bool armedFail(const char* key, uint32_t* code)
 {
     runHook(key);
     State& s = st();
@@ -290,16 +496,28 @@ bool shouldFail(const char* key, uint32_t* code)
     }
     if (f.times == 0) {
         s.failures.erase(it);
+        rearm(s);
         return false;
     }
     if (code)
         *code = f.code;
-    if (f.times > 0 && --f.times == 0)
+    if (f.times > 0 && --f.times == 0) {
         s.failures.erase(it);
+        rearm(s);
+    }
     return true;
 }
 
 bool shouldFail(const std::string& key, uint32_t* code) { return shouldFail(key.c_str(), code); }
+
+// The same for a key composed of a prefix and a name: composed only when
+// something is armed.
+bool shouldFail(const char* prefix, const std::string& name, uint32_t* code)
+{
+    if (!gArmed.load(std::memory_order_acquire))
+        return false;
+    return shouldFail(prefix + name, code);
+}
 
 void event(State& s, std::string text)
 {
@@ -307,7 +525,17 @@ void event(State& s, std::string text)
         s.events.push_back(std::move(text));
 }
 
+// An allocation's event text, composed only when events are recorded.
+void allocEvent(State& s, const char* what, size_t size, const std::string& tag)
+{
+    if (s.recording.events)
+        s.events.push_back(std::string(what) + " " + std::to_string(size) + " " + tag);
+}
+
 uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
+
+// After any change of the units, under the lock.
+void noteUnits(const State& s) { gMaxUnit.store(maxUnit(s), std::memory_order_relaxed); }
 
 uint32_t portCountOf(const State& s, uint32_t unit)
 {
@@ -355,6 +583,63 @@ void freeEverything(State& s)
     }
     s.releasedFrames.clear();
     s.releaseOrder.clear();
+    for (uint8_t* p : s.spareFrames)
+        free(p);
+    s.spareFrames.clear();
+}
+
+uint64_t qtableKey(const SwQTableEntry& e)
+{
+    return (uint64_t)e.ip[0] << 32 | (uint64_t)e.ip[1] << 24 | (uint64_t)e.ip[2] << 16 |
+           (uint64_t)e.ip[3] << 8 | e.source;
+}
+
+// The table without its empty slots, the index rebuilt. Slot numbers
+// change: only while no search's index is held (outside the module's calls).
+void qtableCompact(State& s)
+{
+    if (s.qtableHoles == 0)
+        return;
+    size_t to = 0;
+    for (size_t i = 0; i < s.qtable.size(); ++i)
+        if (s.qtableLive[i])
+            s.qtable[to++] = s.qtable[i];
+    s.qtable.resize(to);
+    s.qtableLive.assign(to, 1);
+    s.qtableHoles = 0;
+    s.qtableIndex.clear();
+    for (size_t i = 0; i < to; ++i)
+        s.qtableIndex[qtableKey(s.qtable[i])].push_back((uint32_t)i);
+}
+
+void qtablePush(State& s, const SwQTableEntry& e)
+{
+    // Empty slots are given up when they outnumber the entries: an add
+    // never comes between a search and the deletion of what it found.
+    if (s.qtableHoles > 64 && s.qtableHoles > s.qtable.size() - s.qtableHoles)
+        qtableCompact(s);
+    s.qtableIndex[qtableKey(e)].push_back((uint32_t)s.qtable.size());
+    s.qtable.push_back(e);
+    s.qtableLive.push_back(1);
+}
+
+void qtableErase(State& s, uint32_t slot)
+{
+    auto it = s.qtableIndex.find(qtableKey(s.qtable[slot]));
+    if (it != s.qtableIndex.end()) {
+        auto& v = it->second;
+        v.erase(std::find(v.begin(), v.end(), slot));
+        if (v.empty())
+            s.qtableIndex.erase(it);
+    }
+    s.qtableLive[slot] = 0;
+    ++s.qtableHoles;
+    // Empty slots at the end are simply dropped.
+    while (!s.qtable.empty() && !s.qtableLive.back()) {
+        s.qtable.pop_back();
+        s.qtableLive.pop_back();
+        --s.qtableHoles;
+    }
 }
 
 const char* kLogLoadOk = "DHCP snooping: binding file loaded";
@@ -401,10 +686,10 @@ void* pal_alloc(size_t size, const char* tag)
     memset(p, 0xA5, size ? size : 1);
     State& s = st();
     Guard g(s.lock);
-    s.allocs[p] = Alloc{size, tagText(tag)};
+    const Alloc& a = s.allocs[p] = Alloc{size, tagText(tag)};
     s.allocBytes += size;
     ++s.allocCount;
-    event(s, "alloc " + std::to_string(size) + " " + tagText(tag));
+    allocEvent(s, "alloc", size, a.tag);
     return p;
 }
 
@@ -420,10 +705,10 @@ void* pal_calloc(size_t count, size_t size, const char* tag)
         return nullptr;
     State& s = st();
     Guard g(s.lock);
-    s.allocs[p] = Alloc{total, tagText(tag)};
+    const Alloc& a = s.allocs[p] = Alloc{total, tagText(tag)};
     s.allocBytes += total;
     ++s.allocCount;
-    event(s, "alloc " + std::to_string(total) + " " + tagText(tag));
+    allocEvent(s, "alloc", total, a.tag);
     return p;
 }
 
@@ -438,7 +723,7 @@ void pal_free(void* p)
         ++s.badFrees;
         return;
     }
-    event(s, "free " + std::to_string(it->second.size) + " " + it->second.tag);
+    allocEvent(s, "free", it->second.size, it->second.tag);
     s.allocBytes -= it->second.size;
     s.allocs.erase(it);
     free(p);
@@ -449,7 +734,7 @@ void pal_free(void* p)
 PalMutex* pal_mutex_create(const char* name)
 {
     std::string n = name ? name : "";
-    if (shouldFail("pal_mutex_create:" + n, nullptr))
+    if (shouldFail("pal_mutex_create:", n, nullptr))
         return nullptr;
     State& s = st();
     Guard g(s.lock);
@@ -493,6 +778,12 @@ int32_t pal_mutex_take_int(PalMutex* m, int32_t timeout)
         Guard g(s.lock);
         if (!m || !knownMutex(s, m))
             return -1;
+        // One thread: nobody else holds m->m or waits; a free mutex is
+        // simply taken (a taken one blocks as ever).
+        if (s.lock.isOneThread() && !m->locked && !m->destroyed) {
+            m->locked = true;
+            return 0;
+        }
     }
     // The sim lock is released here: blocking must not stop other threads.
     std::unique_lock<std::mutex> lk(m->m);
@@ -518,6 +809,12 @@ int32_t pal_mutex_give_int(PalMutex* m)
         Guard g(s.lock);
         if (!m || !knownMutex(s, m))
             return -1;
+        if (s.lock.isOneThread()) {
+            if (m->destroyed || !m->locked)
+                return -1;
+            m->locked = false;  // nobody waits
+            return 0;
+        }
     }
     {
         std::lock_guard<std::mutex> lk(m->m);
@@ -535,11 +832,12 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
 {
     std::string n = name ? name : "";
     uint32_t code = 0;
-    if (shouldFail("pal_msgQ_create:" + n, &code))
+    if (shouldFail("pal_msgQ_create:", n, &code))
         return (PalMsgQ)code;
     State& s = st();
     Guard g(s.lock);
     s.queues.push_back(Queue{n, depth, recordSize, option, {}});
+    gQueueSerial.fetch_add(1, std::memory_order_relaxed);
     event(s, "queue_create " + n + " " + std::to_string(depth) + " " + std::to_string(recordSize) +
                  " " + std::to_string(option));
     return (PalMsgQ)s.queues.size();
@@ -565,14 +863,13 @@ int32_t pal_msgQ_send(PalMsgQ q, const void* buffer, uint32_t size, int32_t wait
     queue->lastSendWait = wait;
     // The key is composed only when some failure is armed: every frame
     // passes here.
-    if (!s.failures.empty() && shouldFail("pal_msgQ_send:" + queue->name, nullptr))
+    if (shouldFail("pal_msgQ_send:", queue->name, nullptr))
         return -1;
-    if (size > queue->recordSize || (size > 0 && !buffer) || queue->records.size() >= queue->depth)
+    if (size > queue->recordSize || (size > 0 && !buffer) || queue->size() >= queue->depth)
         return -1;
-    std::vector<uint8_t> rec(queue->recordSize, 0);
+    uint8_t* rec = queue->push();
     if (size)
-        memcpy(rec.data(), buffer, size);
-    queue->records.push_back(std::move(rec));
+        memcpy(rec, buffer, size);
     return 0;
 }
 
@@ -590,21 +887,21 @@ int32_t pal_msgQ_receive(PalMsgQ q, void* buffer, uint32_t size, int32_t wait, u
     }
     uint32_t code = 0;
     // The hook runs first: a test's task loop ends there.
-    if (shouldFail("pal_msgQ_receive:" + name, &code))
+    if (shouldFail("pal_msgQ_receive:", name, &code))
         return (int32_t)code;
-    bool forced = shouldFail("pal_msgQ_receive_result:" + name, &code);
+    bool forced = shouldFail("pal_msgQ_receive_result:", name, &code);
     Guard g(s.lock);
     Queue* queue = queueOf(s, q);
     if (!queue)
         return -1;
-    if (queue->records.empty())
+    if (queue->empty())
         return -1;
     uint32_t n = std::min(size, queue->recordSize);
     if (n > 0 && !buffer)
         return -1;
     if (n)
-        memcpy(buffer, queue->records.front().data(), n);
-    queue->records.pop_front();
+        memcpy(buffer, queue->front(), n);
+    queue->pop();
     if (word)
         *word = 0;
     return forced ? (int32_t)code : (int32_t)n;
@@ -616,7 +913,7 @@ PalThread* pal_thread_create(const char* name, uint32_t stackSize, uint32_t prio
                              PalThreadEntry entry, void* arg)
 {
     std::string n = name ? name : "";
-    if (shouldFail("pal_thread_create:" + n, nullptr))
+    if (shouldFail("pal_thread_create:", n, nullptr))
         return nullptr;
     State& s = st();
     Guard g(s.lock);
@@ -662,7 +959,7 @@ uint32_t add_timer(PalTimerId* timerId, const char* name, PalTimeSpec period,
 {
     std::string n = name ? name : "";
     uint32_t code = 0;
-    if (shouldFail("add_timer:" + n, &code)) {
+    if (shouldFail("add_timer:", n, &code)) {
         if (timerId)
             memset(timerId, 0, sizeof *timerId);
         return code;
@@ -759,8 +1056,12 @@ uint32_t debugFlagGet(uint32_t mid)
     tFlagSite = site;
     tNamed = false;
     SiteCache& c = siteCache();
-    auto it = c.wanted.find(site);
-    return it != c.wanted.end() && !it->second ? 0 : 1;
+    // Nearly always found at once: no probing, no call.
+    size_t home = SiteCache::home(site);
+    if (c.sites[home] == site)
+        return c.wanted[home] ? 1 : 0;
+    size_t at = c.sites[home] == nullptr ? SiteCache::kSlots : c.find(site);
+    return at != SiteCache::kSlots && !c.wanted[at] ? 0 : 1;
 }
 
 int debugPrintf(uint32_t mid, const char* format, ...)
@@ -772,40 +1073,46 @@ int debugPrintf(uint32_t mid, const char* format, ...)
     if (filter != nullptr) {
         bool wanted = filter(format);
         if (tFlagSite != nullptr && tNamed)
-            siteCache().wanted[tFlagSite] = wanted;
+            siteCache().set(tFlagSite, wanted);
         tFlagSite = nullptr;
         if (!wanted)
             return 0;
+        bool (*lineFilter)(const char*, va_list) = gLineFilter.load(std::memory_order_relaxed);
+        if (lineFilter != nullptr) {
+            va_list args;
+            va_start(args, format);
+            wanted = lineFilter(format, args);
+            va_end(args);
+            if (!wanted)
+                return 0;
+        }
     }
-    std::vector<char> buf(512);
+    char small[512];
     va_list ap;
     va_start(ap, format);
     va_list ap2;
     va_copy(ap2, ap);
-    int n = vsnprintf(buf.data(), buf.size(), format, ap);
+    int n = vsnprintf(small, sizeof small, format, ap);
     va_end(ap);
     if (n < 0) {
         va_end(ap2);
         return n;
     }
-    if ((size_t)n >= buf.size()) {
-        buf.resize((size_t)n + 1);
-        vsnprintf(buf.data(), buf.size(), format, ap2);
+    sim::LogLine line;
+    if ((size_t)n < sizeof small) {
+        line.text.assign(small, (size_t)n);
+    } else {
+        std::vector<char> big((size_t)n + 1);
+        vsnprintf(big.data(), big.size(), format, ap2);
+        line.text.assign(big.data(), (size_t)n);
     }
     va_end(ap2);
-    std::string text(buf.data(), (size_t)n);
-    bool echo;
-    {
-        State& s = st();
-        Guard g(s.lock);
-        sim::LogLine line;
-        line.error = text.compare(0, strlen(kErrorPrefix), kErrorPrefix) == 0;
-        line.text = text;
-        s.logs.push_back(std::move(line));
-        echo = s.echo;
-    }
-    if (echo)
-        fputs(text.c_str(), stderr);
+    line.error = line.text.compare(0, strlen(kErrorPrefix), kErrorPrefix) == 0;
+    State& s = st();
+    Guard g(s.lock);
+    if (s.echo)
+        fputs(line.text.c_str(), stderr);
+    s.logs.push_back(std::move(line));
     return n;
 }
 
@@ -853,6 +1160,17 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
 
 // ---- ports ------------------------------------------------------------------
 
+constexpr uint32_t kIndexTable = 8 * kPortsPerUnit + kMaxPortChannels;
+
+__attribute__((noinline)) static void fillIndexTable(up* handles, uint32_t* count, uint32_t* kept, uint32_t maxUnit)
+{
+    uint32_t n = portindex::count(maxUnit);
+    *count = n <= kIndexTable ? n : 0;  // a larger stack is computed each time
+    for (uint32_t i = 0; i < *count; ++i)
+        handles[i] = portindex::handleOf(i, maxUnit);
+    *kept = maxUnit;
+}
+
 uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
                              uint32_t line)
 {
@@ -860,11 +1178,28 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     (void)line;
     if (!handle)
         return 1;
-    State& s = st();
-    Guard g(s.lock);
-    ++s.fromIndexCalls;
+    // Counted exactly by one thread (the tests that count have one); racing
+    // threads may lose counts rather than pay a locked instruction each.
+    gFromIndexCalls.store(gFromIndexCalls.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    uint32_t maxUnit = gMaxUnit.load(std::memory_order_relaxed);
+    // The module walks every running index of a port list, frame after
+    // frame: each thread keeps the handles of the current stack.
+    thread_local struct {
+        uint32_t maxUnit;  // 0: nothing kept yet
+        uint32_t count;
+        up handles[kIndexTable];
+    } table;
+    if (flag == 1) {
+        if (table.maxUnit != maxUnit)
+            fillIndexTable(table.handles, &table.count, &table.maxUnit, maxUnit);
+        if (index < table.count) {
+            *handle = table.handles[index];
+            return 0;
+        }
+    }
     // flag 0: a port index counted from 1 (the rate limits' numbering).
-    return portindex::fromIndex(handle, index, flag, maxUnit(s));
+    return portindex::fromIndex(handle, index, flag, maxUnit);
 }
 
 uint32_t inner_up_is_valid(up handle)
@@ -901,14 +1236,16 @@ uint32_t usUp2Str(up handle, char* text, uint32_t flag)
     (void)flag;
     if (!text)
         return 1;
-    std::string name;
-    {
-        State& s = st();
-        Guard g(s.lock);
-        ++s.usUp2StrCalls;
-        name = nameOf(s, handle);
-    }
-    snprintf(text, UP_STR_BUF, "%s", name.c_str());
+    State& s = st();
+    Guard g(s.lock);
+    ++s.usUp2StrCalls;
+    auto it = s.nameCache.find(handle);
+    if (it == s.nameCache.end())
+        it = s.nameCache.emplace(handle, nameOf(s, handle)).first;
+    // As snprintf with "%s" would: cut to the buffer, always terminated.
+    size_t n = std::min(it->second.size(), (size_t)UP_STR_BUF - 1);
+    memcpy(text, it->second.data(), n);
+    text[n] = '\0';
     return 0;
 }
 
@@ -939,14 +1276,16 @@ uint32_t usStr2Up(int32_t unit, const char* text, up* handle, uint32_t flag)
 
 // ---- snooping configuration ---------------------------------------------------
 
-static DhcpSnoopPortCfg cfgOf(State& s, up port)
+// A port never configured reads as all zeros.
+static const DhcpSnoopPortCfg& cfgOf(State& s, up port)
 {
+    static const DhcpSnoopPortCfg kZero = [] {
+        DhcpSnoopPortCfg c;
+        memset(&c, 0, sizeof c);
+        return c;
+    }();
     auto it = s.portCfg.find(port);
-    if (it != s.portCfg.end())
-        return it->second;
-    DhcpSnoopPortCfg c;
-    memset(&c, 0, sizeof c);
-    return c;
+    return it != s.portCfg.end() ? it->second : kZero;
 }
 
 uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
@@ -1129,7 +1468,10 @@ void dhcpReleasePacketPool(uint8_t* frame)
         if (old == s.releasedFrames.end())
             continue;
         SIM_UNPOISON(old->first, old->second.capacity);
-        free(old->first);
+        if (old->second.capacity == kFrameCapacity && s.spareFrames.size() < kSpareFrames)
+            s.spareFrames.push_back(old->first);
+        else
+            free(old->first);
         s.releasedFrames.erase(old);
     }
 }
@@ -1145,15 +1487,14 @@ uint32_t swQTableSearchByIpAndSource(const SwQTableEntry* entry, uint32_t* index
         return 1;
     State& s = st();
     Guard g(s.lock);
-    for (size_t i = 0; i < s.qtable.size(); ++i) {
-        const SwQTableEntry& e = s.qtable[i];
-        if (memcmp(e.ip, entry->ip, 4) == 0 && e.source == entry->source) {
-            *found = 1;
-            *index = (uint32_t)i;
-            return 0;
-        }
+    auto it = s.qtableIndex.find(qtableKey(*entry));
+    if (it == s.qtableIndex.end() || it->second.empty()) {
+        *found = 0;
+        return 0;
     }
-    *found = 0;
+    // The first entry in table order, as a walk from the start would find.
+    *found = 1;
+    *index = it->second.front();
     return 0;
 }
 
@@ -1165,9 +1506,9 @@ uint32_t swQTableDel(uint32_t unit, uint32_t index, uint32_t found)
         return code;
     State& s = st();
     Guard g(s.lock);
-    if (!found || index >= s.qtable.size())
+    if (!found || index >= s.qtable.size() || !s.qtableLive[index])
         return 1;
-    s.qtable.erase(s.qtable.begin() + index);
+    qtableErase(s, index);
     return 0;
 }
 
@@ -1182,7 +1523,7 @@ uint32_t swQTableAdd(uint32_t unit, const SwQTableEntry* entry)
         return 1;
     State& s = st();
     Guard g(s.lock);
-    s.qtable.push_back(*entry);
+    qtablePush(s, *entry);
     return fail ? code : 0;
 }
 
@@ -1325,16 +1666,19 @@ namespace sim {
 void reset()
 {
     State& s = st();
+    s.lock.oneThread(false);
     Guard g(s.lock);
     freeEverything(s);
     ++s.generation;
 
     s.unit = 1;
     s.units = {1};
+    noteUnits(s);
     s.portCounts.clear();
     s.portChannels = kDefaultPortChannels;
     s.provisioned.clear();
     s.portNames.clear();
+    s.nameCache.clear();
     s.mac = kDefaultMac;
 
     s.portCfg.clear();
@@ -1358,6 +1702,7 @@ void reset()
     s.events.clear();
 
     s.queues.clear();
+    gQueueSerial.fetch_add(1, std::memory_order_relaxed);
     s.mutexes.clear();
     s.threads.clear();
     s.sleptMs = 0;
@@ -1369,14 +1714,18 @@ void reset()
     s.badReleases = 0;
     s.releaseCount = 0;
     s.usUp2StrCalls = 0;
-    s.fromIndexCalls = 0;
+    gFromIndexCalls.store(0, std::memory_order_relaxed);
     s.sent.clear();
 
     s.fdb.clear();
     s.fdbLookups.clear();
     s.qtable.clear();
+    s.qtableLive.clear();
+    s.qtableHoles = 0;
+    s.qtableIndex.clear();
     s.stk = StkRegistrations{};
     s.hooks.clear();
+    rearm(s);
     s.moduleIds.clear();
     gLastModuleId.store(UINT32_MAX, std::memory_order_relaxed);
     s.runtimeRecords.clear();
@@ -1385,7 +1734,14 @@ void reset()
     s.filePaths.clear();
     s.recording = Recording{};
     gLogFilter.store(nullptr);
+    gLineFilter.store(nullptr);
     gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void setOneThread(bool on)
+{
+    State& s = st();
+    s.lock.oneThread(on);
 }
 
 void setRecording(const Recording& recording)
@@ -1409,6 +1765,7 @@ void setUnits(const std::vector<uint32_t>& present)
     State& s = st();
     Guard g(s.lock);
     s.units = std::set<uint32_t>(present.begin(), present.end());
+    noteUnits(s);
 }
 
 void setPortCount(uint32_t unit, uint32_t ports)
@@ -1440,6 +1797,7 @@ void setPortName(up port, const std::string& name)
     State& s = st();
     Guard g(s.lock);
     s.portNames[port] = name;
+    s.nameCache.clear();
 }
 
 void setSwitchMac(const Mac& mac)
@@ -1468,12 +1826,7 @@ std::string portName(up port)
     return nameOf(s, port);
 }
 
-size_t fromIndexCalls()
-{
-    State& s = st();
-    Guard g(s.lock);
-    return s.fromIndexCalls;
-}
+size_t fromIndexCalls() { return gFromIndexCalls.load(std::memory_order_relaxed); }
 
 size_t usUp2StrCalls()
 {
@@ -1608,11 +1961,13 @@ std::string LogLine::message() const
 
 const std::vector<LogLine>& logs() { return st().logs; }
 
-void setLogFilter(bool (*wanted)(const char* format))
+void setLogFilter(bool (*wanted)(const char* format),
+                  bool (*lineWanted)(const char* format, va_list args))
 {
     State& s = st();
     Guard g(s.lock);
     gLogFilter.store(wanted);
+    gLineFilter.store(lineWanted);
     gSiteGeneration.fetch_add(1, std::memory_order_acq_rel);
 }
 
@@ -1716,6 +2071,7 @@ void failNext(const std::string& key, uint32_t code, int skip, int times)
     State& s = st();
     Guard g(s.lock);
     s.failures[key] = Failure{code, skip < 0 ? 0 : skip, times};
+    rearm(s);
 }
 
 void clearFailures()
@@ -1724,6 +2080,7 @@ void clearFailures()
     Guard g(s.lock);
     s.failures.clear();
     s.hooks.clear();
+    rearm(s);
 }
 
 void onCall(const std::string& key, std::function<void()> fn, int skip, int times)
@@ -1731,6 +2088,7 @@ void onCall(const std::string& key, std::function<void()> fn, int skip, int time
     State& s = st();
     Guard g(s.lock);
     s.hooks[key] = Hook{std::move(fn), skip < 0 ? 0 : skip, times};
+    rearm(s);
 }
 
 std::set<uint32_t> moduleIds()
@@ -1769,6 +2127,8 @@ void clearEvents()
 
 // ---- queues and tasks -----------------------------------------------------------------
 
+uint32_t queueSerial() { return gQueueSerial.load(std::memory_order_relaxed); }
+
 PalMsgQ queueByName(const std::string& name)
 {
     State& s = st();
@@ -1785,7 +2145,7 @@ size_t queueDepth(PalMsgQ q)
     State& s = st();
     Guard g(s.lock);
     Queue* queue = queueOf(s, q);
-    return queue ? queue->records.size() : 0;
+    return queue ? queue->size() : 0;
 }
 
 size_t queueCapacity(PalMsgQ q)
@@ -1809,16 +2169,16 @@ bool queueTake(PalMsgQ q, void* buffer, uint32_t size)
     State& s = st();
     Guard g(s.lock);
     Queue* queue = queueOf(s, q);
-    if (!queue || queue->records.empty())
+    if (!queue || queue->empty())
         return false;
     uint32_t n = std::min(size, queue->recordSize);
     if (buffer && size) {
-        memcpy(buffer, queue->records.front().data(), n);
+        memcpy(buffer, queue->front(), n);
         // Bytes the record does not cover are zero, never stale.
         if (size > n)
             memset(static_cast<uint8_t*>(buffer) + n, 0, size - n);
     }
-    queue->records.pop_front();
+    queue->pop();
     return true;
 }
 
@@ -1938,16 +2298,29 @@ namespace {
 
 uint8_t* newFrameOf(const uint8_t* bytes, size_t len, size_t cap)
 {
-    // calloc(0) gives a distinct pointer with no bytes behind it where the C
-    // library allows it; elsewhere one byte stands in.
-    uint8_t* p = static_cast<uint8_t*>(calloc(cap, 1));
-    if (!p && cap == 0)
-        p = static_cast<uint8_t*>(calloc(1, 1));
-    if (!p)
-        return nullptr;
+    State& s = st();
+    uint8_t* p = nullptr;
+    if (cap == kFrameCapacity) {
+        Guard g(s.lock);
+        if (!s.spareFrames.empty()) {
+            p = s.spareFrames.back();
+            s.spareFrames.pop_back();
+        }
+    }
+    if (p != nullptr) {
+        // As fresh from calloc: the bytes past the frame are zero.
+        memset(p + len, 0, cap - len);
+    } else {
+        // calloc(0) gives a distinct pointer with no bytes behind it where
+        // the C library allows it; elsewhere one byte stands in.
+        p = static_cast<uint8_t*>(calloc(cap, 1));
+        if (!p && cap == 0)
+            p = static_cast<uint8_t*>(calloc(1, 1));
+        if (!p)
+            return nullptr;
+    }
     if (len != 0)
         memcpy(p, bytes, len);
-    State& s = st();
     Guard g(s.lock);
     s.liveFrames[p] = Frame{cap};
     return p;
@@ -2042,13 +2415,19 @@ const std::vector<FdbLookup>& fdbLookups() { return st().fdbLookups; }
 
 // ---- IP source guard ----------------------------------------------------------------
 
-const std::vector<SwQTableEntry>& qtable() { return st().qtable; }
+const std::vector<SwQTableEntry>& qtable()
+{
+    State& s = st();
+    Guard g(s.lock);
+    qtableCompact(s);
+    return s.qtable;
+}
 
 void qtableInsert(const SwQTableEntry& entry)
 {
     State& s = st();
     Guard g(s.lock);
-    s.qtable.push_back(entry);
+    qtablePush(s, entry);
 }
 
 // ---- stacking -----------------------------------------------------------------------

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <array>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -50,6 +51,10 @@ struct Recording {
     size_t releasedFrames = SIZE_MAX;
 };
 void setRecording(const Recording& recording);
+// Only the calling thread calls the platform from now until reset() (a
+// replay): the simulation's lock is not taken, and a call from any other
+// thread ends the program. Off by default.
+void setOneThread(bool on);
 
 // ---- switch model ------------------------------------------------------------------
 
@@ -104,7 +109,11 @@ void clearLogs();
 // switch at 1, the module's call site of such a line is then answered 0 by
 // debugFlagGet, so the module does not even compose it again (composing asks
 // the kernel for the thread name). nullptr (the default): every line.
-void setLogFilter(bool (*wanted)(const char* format));
+// lineWanted, when given, is asked next for each line its format let
+// through, with the line's arguments (a copy): a line it declines is not
+// formatted or recorded either, and its site is asked again next time.
+void setLogFilter(bool (*wanted)(const char* format),
+                  bool (*lineWanted)(const char* format, va_list args) = nullptr);
 // Messages of all lines, in order.
 std::vector<std::string> messages();
 // Number of lines whose message equals text.
@@ -175,6 +184,9 @@ void clearEvents();
 // ---- queues and tasks -----------------------------------------------------------------
 
 PalMsgQ queueByName(const std::string& name);    // 0 when there is none
+// Changes whenever a queue is made or reset() forgets them all: a caller
+// that keeps the handle queueByName gave looks it up again only then.
+uint32_t queueSerial();
 size_t queueDepth(PalMsgQ q);                     // records waiting
 size_t queueCapacity(PalMsgQ q);
 int32_t lastSendWait(PalMsgQ q);                  // wait argument of the last send

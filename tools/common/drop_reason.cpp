@@ -1,7 +1,10 @@
 #include "tools/common/drop_reason.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string>
+#include <unordered_map>
 
 #include "snooping/dhcpSnoopInternal.h"
 
@@ -189,6 +192,52 @@ bool canName(const std::vector<int>& p, const char* text, bool prefix)
     return false;
 }
 
+// What the whole match decided for the formats that needed it, by their
+// text: the module composes every line's format into the same stack buffer,
+// so the pointer tells nothing, but its lines are few and their texts fixed.
+// Per thread (no lock); bounded, a format beyond the bound is matched anew.
+class Decided {
+public:
+    // -1 unknown, else 0 or 1.
+    int find(const char* text, size_t len, uint64_t h) const
+    {
+        auto it = map_.find(h);
+        if (it == map_.end() || it->second.text.size() != len ||
+            memcmp(it->second.text.data(), text, len) != 0)
+            return -1;
+        return it->second.matters ? 1 : 0;
+    }
+    void keep(const char* text, size_t len, uint64_t h, bool matters)
+    {
+        if (map_.size() < kMax)
+            map_.emplace(h, Entry{std::string(text, len), matters});
+    }
+    static uint64_t hash(const char* text, size_t len)
+    {
+        uint64_t h = 14695981039346656037ull;  // FNV-1a
+        for (size_t i = 0; i < len; ++i)
+            h = (h ^ (unsigned char)text[i]) * 1099511628211ull;
+        return h;
+    }
+
+private:
+    static constexpr size_t kMax = 4096;
+    struct Entry {
+        std::string text;
+        bool matters;
+    };
+    std::unordered_map<uint64_t, Entry> map_;
+};
+
+bool matchWhole(const char* msg)
+{
+    std::vector<int> p = patternOf(msg);
+    for (size_t i = 0; i < kRuleCount; ++i)
+        if (canName(p, kRules[i].text, kRules[i].prefix))
+            return true;
+    return canName(p, kModuleErrorStart, true);
+}
+
 }  // namespace
 
 bool formatMayMatter(const char* format)
@@ -206,11 +255,56 @@ bool formatMayMatter(const char* format)
     // matched whole, each conversion standing for any text.
     if (!mayMatter(msg, n))
         return false;
-    std::vector<int> p = patternOf(msg);
-    for (size_t i = 0; i < kRuleCount; ++i)
-        if (canName(p, kRules[i].text, kRules[i].prefix))
+    thread_local Decided decided;
+    size_t len = strlen(msg);
+    uint64_t h = Decided::hash(msg, len);
+    int known = decided.find(msg, len, h);
+    if (known >= 0)
+        return known == 1;
+    bool matters = matchWhole(msg);
+    decided.keep(msg, len, h, matters);
+    return matters;
+}
+
+bool lineMayMatter(const char* format, va_list args)
+{
+    static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
+    if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
+        return true;
+    // The prefix's own arguments come first: skipped by their conversions.
+    for (const char* c = kPrefix; *c != '\0'; ++c) {
+        if (*c != '%')
+            continue;
+        ++c;
+        if (*c == 's')
+            (void)va_arg(args, const char*);
+        else if (*c == 'd')
+            (void)va_arg(args, int);
+        else if (*c != '%')
+            return true;  // a prefix this cannot read: formatted whole
+    }
+    const char* body = format + sizeof kPrefix - 1;
+    // A message that is one text and line ends (a function's name, say)
+    // is looked at where it stands.
+    if (body[0] == '%' && body[1] == 's' && body[2 + strspn(body + 2, "\r\n")] == '\0') {
+        const char* text = va_arg(args, const char*);
+        if (text == nullptr)
             return true;
-    return canName(p, kModuleErrorStart, true);
+        size_t len = strlen(text);
+        while (len > 0 && (text[len - 1] == '\n' || text[len - 1] == '\r'))
+            --len;
+        return mayMatter(text, len);
+    }
+    char msg[256];
+    int n = vsnprintf(msg, sizeof msg, body, args);
+    if (n < 0 || (size_t)n >= sizeof msg)
+        return true;
+    size_t len = (size_t)n;
+    while (len > 0 && (msg[len - 1] == '\n' || msg[len - 1] == '\r'))
+        --len;
+    // A whole message that starts no rule's text and that no rule's text
+    // starts names nothing.
+    return mayMatter(msg, len);
 }
 
 std::vector<std::string> ruleTexts()

@@ -3,6 +3,8 @@
 // name a drop by the most telling line the frame caused.
 #pragma once
 
+#include <cstdarg>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,12 @@ bool mayMatter(const char* start, size_t len);
 // text, each conversion standing for any text it could print. True for
 // anything but a debug line's composition (error lines among them).
 bool formatMayMatter(const char* format);
+// The same for one line about to be formatted, with the arguments that
+// follow the format: false when its message (the line without the debug
+// prefix and line ends) can name nothing. Formats the message alone, not
+// the line; true for anything but a debug line's composition, and for a
+// message too long to look at here. Reads args (pass a copy).
+bool lineMayMatter(const char* format, va_list args);
 // The texts mayMatter checks against: every rule's, then the module error's.
 std::vector<std::string> ruleTexts();
 

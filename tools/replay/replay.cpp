@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -144,6 +145,8 @@ public:
     {
         dhcpSnoopResetState();
         sim::reset();
+        // The replay drives the module's tasks itself, on this thread.
+        sim::setOneThread(true);
         if (!opt_.keepSimRecords) {
             // Only what each frame leaves behind is read, then cleared.
             sim::Recording rec;
@@ -156,10 +159,24 @@ public:
         }
         // Without --debug a line is read only to name a drop.
         if (opt_.debugOut == nullptr)
-            sim::setLogFilter(dropreason::formatMayMatter);
+            sim::setLogFilter(dropreason::formatMayMatter, dropreason::lineMayMatter);
         // Log lines carry the thread's name; the module's work is DSTask's.
         prctl(PR_SET_NAME, "DSTask");
         swcfg::applyToSim(cfg_);
+        PortList all;
+        memset(&all, 0, sizeof all);
+        for (const auto& p : cfg_.ports) {
+            PortList one = sim::portListOf(p.handle);
+            for (size_t w = 0; w < sizeof all.word / sizeof all.word[0]; ++w)
+                all.word[w] |= one.word[w];
+        }
+        for (up h : sim::portsIn(all)) {
+            PortList one = sim::portListOf(h);
+            for (uint32_t w = 0; w < sizeof one.word / sizeof one.word[0]; ++w)
+                for (uint32_t b = 0; b < 32; ++b)
+                    if ((one.word[w] >> b) & 1u)
+                        members_.push_back(Member{h, w, b});
+        }
         // Drops are told apart by the module's debug lines, so the switch
         // always runs with its debug switch on; they are printed on request.
         sim::setDebugFlag(1);
@@ -189,6 +206,7 @@ public:
     ~Engine()
     {
         sim::setLogFilter(nullptr);
+        sim::setOneThread(false);
         if (!root_.empty()) {
             std::error_code ec;
             std::filesystem::remove_all(root_, ec);
@@ -485,12 +503,17 @@ private:
                 to_.push_back(at);
             return;
         }
-        std::vector<up> listed = sim::portsIn(p.ports);
+        // Only configured ports can be reached: their bits are looked at,
+        // not every port the list could hold.
+        listed_.clear();
+        for (const Member& m : members_)
+            if ((p.ports.word[m.word] >> m.bit) & 1u)
+                listed_.push_back(m.handle);
         if (p.sendFlags & SEND_FLAG_FLOOD) {
-            vlanPorts(p.vid, listed);
+            vlanPorts(p.vid, listed_);
             return;
         }
-        for (up e : listed) {
+        for (up e : listed_) {
             const swcfg::PortConfig* ec = cfg_.port(e);
             if (ec != nullptr && ec->carries(p.vid))
                 to_.push_back(e);
@@ -580,6 +603,15 @@ private:
     std::vector<uint8_t> untagged_;
     std::vector<uint8_t> tagged_;
     std::vector<up> to_;
+    std::vector<up> listed_;
+    // The configured ports in the switch's port order, with their place in
+    // a port list.
+    struct Member {
+        up handle;
+        uint32_t word;
+        uint32_t bit;
+    };
+    std::vector<Member> members_;
 };
 
 std::string hex32(uint32_t v)

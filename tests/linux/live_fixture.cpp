@@ -1,6 +1,10 @@
 #include "live_fixture.h"
 
+#include <stdlib.h>
+
 #include <chrono>
+#include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "snooping/dhcpSnoopInternal.h"
@@ -134,3 +138,142 @@ bool waitUntil(const std::function<bool()>& pred)
     }
     return pred();
 }
+
+void LiveQueueTest::SetUp()
+{
+    LiveTest::SetUp();
+    dhcpSnoopQueue = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, queueDepth, sizeof(DhcpSnoopMsg), 4);
+    ASSERT_GT(dhcpSnoopQueue, 0);
+}
+
+void LiveQueueTest::TearDown()
+{
+    drain();
+    dhcpSnoopQueue = 0;
+    LiveTest::TearDown();
+}
+
+bool LiveQueueTest::takeMsg(DhcpSnoopMsg& m)
+{
+    memset(&m, 0, sizeof m);
+    return pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr) == (int32_t)sizeof m;
+}
+
+std::map<uint8_t, size_t> LiveQueueTest::drain()
+{
+    std::map<uint8_t, size_t> taken;
+    DhcpSnoopMsg m;
+    while (takeMsg(m)) {
+        ++taken[m.type];
+        if (m.type == DHCP_SNOOP_MSG_PACKET)
+            dhcpReleasePacketPool(m.packet.frame);
+    }
+    return taken;
+}
+
+void LiveModuleTest::SetUp()
+{
+    LiveTest::SetUp();
+    moduleRunning = true;
+    std::string dir = std::string("/tmp/") + tmpPrefix_ + "-XXXXXX";
+    ASSERT_NE(mkdtemp(&dir[0]), nullptr);
+    dataDir = dir;
+    live::runtime::setDataDir(dataDir);
+    bringUp(config_);
+    startModuleOnce();
+}
+
+void LiveModuleTest::TearDown()
+{
+    // Every trapped frame comes back before the switch goes away.
+    EXPECT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
+    LiveTest::TearDown();
+    std::error_code ec;
+    std::filesystem::remove_all(dataDir, ec);
+}
+
+void LiveModuleTest::settle()
+{
+    ASSERT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
+    ASSERT_TRUE(waitUntil([] { return live::runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME); }));
+}
+
+namespace lt {
+
+const char* const kGuardedSwitch = R"(
+[switch]
+mac = "02:00:00:00:00:fe"
+snooping_vlans = [10]
+ip_filter = true
+arp_defend = true
+
+[[port]]
+name = "1/0/1"
+vlan = 10
+trust = true
+
+[[port]]
+name = "1/0/2"
+vlan = 10
+
+[[port]]
+name = "1/0/3"
+vlan = 10
+
+[[port]]
+name = "1/0/4"
+vlan = 1
+tagged = [10, 20]
+trust = true
+
+[[port]]
+name = "1/0/5"
+vlan = 20
+)";
+
+fb::Mac mac(uint8_t a, uint8_t n) { return {0x02, 0x00, 0x00, 0x00, a, n}; }
+
+const fb::Mac kBroadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+
+fb::Bytes plainIp(const fb::Mac& src, const fb::Mac& dst, uint32_t srcIp, uint32_t dstIp)
+{
+    return fb::Frame().srcMac(src).dstMac(dst).srcIp(srcIp).dstIp(dstIp).srcPort(5000).dstPort(53).build();
+}
+
+::up port(const std::string& name)
+{
+    ::up h = UP_INVALID;
+    EXPECT_TRUE(swcfg::parsePortName(name, &h)) << name;
+    return h;
+}
+
+SwQTableEntry binding(uint32_t ip, const fb::Mac& m, uint16_t vlan, const std::string& p)
+{
+    SwQTableEntry e;
+    memset(&e, 0, sizeof e);
+    e.ip[0] = (uint8_t)(ip >> 24);
+    e.ip[1] = (uint8_t)(ip >> 16);
+    e.ip[2] = (uint8_t)(ip >> 8);
+    e.ip[3] = (uint8_t)ip;
+    memcpy(e.mac, m.data(), 6);
+    e.vlan = vlan;
+    e.port = port(p);
+    e.source = QTABLE_SOURCE_DHCP_SNOOP;
+    memcpy(e.mark, "---", 3);
+    return e;
+}
+
+std::string fdbPort(const fb::Mac& m, uint16_t vlan)
+{
+    FdbEntry e;
+    memset(&e, 0, sizeof e);
+    memcpy(e.mac, m.data(), 6);
+    e.vlan = vlan;
+    if (swFdbGetEntry(&e) != 0)
+        return "";
+    char text[UP_STR_BUF];
+    usUp2Str(e.port, text, 1);
+    return text;
+}
+
+}  // namespace lt

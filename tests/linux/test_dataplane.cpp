@@ -34,26 +34,7 @@ tagged = [10, 20]
 trust = true
 )";
 
-fb::Mac mac(uint8_t n) { return {0x02, 0x00, 0x00, 0x00, 0x00, n}; }
-const fb::Mac kBroadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-
-fb::Bytes plainIp(const fb::Mac& src, const fb::Mac& dst, uint32_t srcIp)
-{
-    return fb::Frame().srcMac(src).dstMac(dst).srcIp(srcIp).dstIp(fb::ip(198, 18, 0, 1)).srcPort(5000).dstPort(53).build();
-}
-
-std::string fdbPort(const fb::Mac& m, uint16_t vlan)
-{
-    FdbEntry e;
-    memset(&e, 0, sizeof e);
-    memcpy(e.mac, m.data(), 6);
-    e.vlan = vlan;
-    if (swFdbGetEntry(&e) != 0)
-        return "";
-    char text[UP_STR_BUF];
-    usUp2Str(e.port, text, 1);
-    return text;
-}
+using namespace lt;
 
 // A TCP super-frame as the kernel hands it over with default offloads: the
 // checksum left to the device, 1448-byte segments to be cut.
@@ -69,30 +50,7 @@ live::core::Offload tcpSuperFrame()
     return o;
 }
 
-class DataPlane : public LiveTest {
-protected:
-    void SetUp() override
-    {
-        LiveTest::SetUp();
-        dhcpSnoopQueue = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, 64, sizeof(DhcpSnoopMsg), 4);
-        ASSERT_GT(dhcpSnoopQueue, 0);
-    }
-
-    void TearDown() override
-    {
-        DhcpSnoopMsg m;
-        while (takeMsg(m))
-            dhcpReleasePacketPool(m.packet.frame);
-        dhcpSnoopQueue = 0;
-        LiveTest::TearDown();
-    }
-
-    bool takeMsg(DhcpSnoopMsg& m)
-    {
-        memset(&m, 0, sizeof m);
-        return pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr) == (int32_t)sizeof m;
-    }
-};
+class DataPlane : public LiveQueueTest {};
 
 // ---- offloads -------------------------------------------------------------------
 

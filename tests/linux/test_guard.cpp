@@ -9,107 +9,14 @@
 
 namespace {
 
-const char* kConfig = R"(
-[switch]
-mac = "02:00:00:00:00:fe"
-snooping_vlans = [10]
-ip_filter = true
-arp_defend = true
+const char* const kConfig = lt::kGuardedSwitch;
 
-[[port]]
-name = "1/0/1"
-vlan = 10
-trust = true
+using namespace lt;
 
-[[port]]
-name = "1/0/2"
-vlan = 10
-
-[[port]]
-name = "1/0/3"
-vlan = 10
-
-[[port]]
-name = "1/0/4"
-vlan = 1
-tagged = [10, 20]
-trust = true
-
-[[port]]
-name = "1/0/5"
-vlan = 20
-)";
-
-fb::Mac mac(uint8_t n) { return {0x02, 0x00, 0x00, 0x00, 0x00, n}; }
-const fb::Mac kBroadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 const uint32_t kLeased = fb::ip(198, 18, 0, 23);
 
-fb::Bytes plainIp(const fb::Mac& src, const fb::Mac& dst, uint32_t srcIp)
-{
-    return fb::Frame().srcMac(src).dstMac(dst).srcIp(srcIp).dstIp(fb::ip(198, 18, 0, 1)).srcPort(5000).dstPort(53).build();
-}
-
-::up port(const std::string& name)
-{
-    ::up h = UP_INVALID;
-    EXPECT_TRUE(swcfg::parsePortName(name, &h));
-    return h;
-}
-
-SwQTableEntry binding(uint32_t ip, const fb::Mac& m, uint16_t vlan, const std::string& p)
-{
-    SwQTableEntry e;
-    memset(&e, 0, sizeof e);
-    e.ip[0] = (uint8_t)(ip >> 24);
-    e.ip[1] = (uint8_t)(ip >> 16);
-    e.ip[2] = (uint8_t)(ip >> 8);
-    e.ip[3] = (uint8_t)ip;
-    memcpy(e.mac, m.data(), 6);
-    e.vlan = vlan;
-    e.port = port(p);
-    e.source = QTABLE_SOURCE_DHCP_SNOOP;
-    memcpy(e.mark, "---", 3);
-    return e;
-}
-
-// The port the FDB names for a MAC in a VLAN; "" when it names none.
-std::string fdbPort(const fb::Mac& m, uint16_t vlan)
-{
-    FdbEntry e;
-    memset(&e, 0, sizeof e);
-    memcpy(e.mac, m.data(), 6);
-    e.vlan = vlan;
-    if (swFdbGetEntry(&e) != 0)
-        return "";
-    char text[UP_STR_BUF];
-    usUp2Str(e.port, text, 1);
-    return text;
-}
-
-class Guard : public LiveTest {
+class Guard : public LiveQueueTest {
 protected:
-    void SetUp() override
-    {
-        LiveTest::SetUp();
-        dhcpSnoopQueue = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, 64, sizeof(DhcpSnoopMsg), 4);
-        ASSERT_GT(dhcpSnoopQueue, 0);
-    }
-
-    void TearDown() override
-    {
-        DhcpSnoopMsg m;
-        while (takeMsg(m))
-            dhcpReleasePacketPool(m.packet.frame);
-        dhcpSnoopQueue = 0;
-        LiveTest::TearDown();
-    }
-
-    bool takeMsg(DhcpSnoopMsg& m)
-    {
-        memset(&m, 0, sizeof m);
-        return pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr) == (int32_t)sizeof m;
-    }
-
     // The one frame trapped since the last call, as the module gets it.
     bool trappedOne(fb::Bytes* frame, uint16_t* vid)
     {

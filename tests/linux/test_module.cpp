@@ -3,9 +3,7 @@
 // module's decisions; drops are named by the module's own lines.
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 
 #include "live_fixture.h"
@@ -41,38 +39,11 @@ tagged = [10]
 trust = true
 )";
 
-fb::Mac mac(uint8_t a, uint8_t n) { return {0x02, 0x00, 0x00, 0x00, a, n}; }
+using lt::mac;
 
-class Module : public LiveTest {
+class Module : public LiveModuleTest {
 protected:
-    void SetUp() override
-    {
-        LiveTest::SetUp();
-        moduleRunning = true;
-        char dir[] = "/tmp/live-module-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dataDir = dir;
-        live::runtime::setDataDir(dataDir);
-        bringUp(kConfig);
-        startModuleOnce();
-    }
-
-    void TearDown() override
-    {
-        // Every trapped frame comes back before the switch goes away.
-        EXPECT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
-        LiveTest::TearDown();
-        std::error_code ec;
-        std::filesystem::remove_all(dataDir, ec);
-    }
-
-    // Waits until the module has released every trapped frame and sent what
-    // it would.
-    void settle()
-    {
-        ASSERT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
-        ASSERT_TRUE(waitUntil([] { return live::runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME); }));
-    }
+    Module() : LiveModuleTest(kConfig, "live-module") {}
 
     std::vector<Sent> sentTo(const std::string& port)
     {
@@ -82,8 +53,6 @@ protected:
                 out.push_back(s);
         return out;
     }
-
-    std::string dataDir;
 };
 
 TEST_F(Module, DiscoverIsFloodedInItsVlanWithOption82AddedOnTheWayToTheServer)

@@ -3,10 +3,7 @@
 // module keeps them, as it should; the live platform keeps the port to its
 // share, so the server's replies and the other ports' clients still get
 // elements. A program of its own: the module's tables outlive a test.
-#include <unistd.h>
-
 #include <cstring>
-#include <filesystem>
 
 #include "live_fixture.h"
 #include "snooping/dhcpSnoopInternal.h"
@@ -33,35 +30,11 @@ name = "1/0/3"
 vlan = 10
 )";
 
-fb::Mac mac(uint8_t a, uint8_t n) { return {0x02, 0x00, 0x00, 0x00, a, n}; }
+using lt::mac;
 
-class Pending : public LiveTest {
+class Pending : public LiveModuleTest {
 protected:
-    void SetUp() override
-    {
-        LiveTest::SetUp();
-        moduleRunning = true;
-        char dir[] = "/tmp/live-pending-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dataDir = dir;
-        live::runtime::setDataDir(dataDir);
-        bringUp(kConfig);
-        startModuleOnce();
-    }
-
-    void TearDown() override
-    {
-        EXPECT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
-        LiveTest::TearDown();
-        std::error_code ec;
-        std::filesystem::remove_all(dataDir, ec);
-    }
-
-    void settle()
-    {
-        ASSERT_TRUE(waitUntil([] { return live::core::poolBuffersInUse() == 0; }));
-        ASSERT_TRUE(waitUntil([] { return live::runtime::queueIdle(DHCP_SNOOP_QUEUE_NAME); }));
-    }
+    Pending() : LiveModuleTest(kConfig, "live-pending") {}
 
     size_t sentTo(const std::string& port, uint8_t type)
     {
@@ -75,8 +48,7 @@ protected:
     // The pending requests the module holds for a port.
     static size_t pendingOf(const std::string& port)
     {
-        ::up h = UP_INVALID;
-        EXPECT_TRUE(swcfg::parsePortName(port, &h));
+        ::up h = lt::port(port);
         size_t n = 0;
         pal_mutex_take_int(upMutexId, PAL_WAIT_FOREVER);
         for (uint32_t b = 0; b < DHCP_SNOOP_HASH_SIZE; ++b)
@@ -86,8 +58,6 @@ protected:
         pal_mutex_give_int(upMutexId);
         return n;
     }
-
-    std::string dataDir;
 };
 
 TEST_F(Pending, RequestsThatNeverAgeTakeOnlyThePortsShareAndOtherClientsStillGetLeases)

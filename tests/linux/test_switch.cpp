@@ -10,96 +10,13 @@
 
 namespace {
 
-const char* kConfig = R"(
-[switch]
-mac = "02:00:00:00:00:fe"
-snooping_vlans = [10]
-ip_filter = true
-arp_defend = true
+const char* const kConfig = lt::kGuardedSwitch;
 
-[[port]]
-name = "1/0/1"
-vlan = 10
-trust = true
+using namespace lt;
 
-[[port]]
-name = "1/0/2"
-vlan = 10
-
-[[port]]
-name = "1/0/3"
-vlan = 10
-
-[[port]]
-name = "1/0/4"
-vlan = 1
-tagged = [10, 20]
-trust = true
-
-[[port]]
-name = "1/0/5"
-vlan = 20
-)";
-
-fb::Mac mac(uint8_t n) { return {0x02, 0x00, 0x00, 0x00, 0x00, n}; }
-
-const fb::Mac kBroadcast = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-
-// An ordinary (non-DHCP) IPv4 UDP frame.
-fb::Bytes plainIp(const fb::Mac& src, const fb::Mac& dst, uint32_t srcIp, uint32_t dstIp = fb::ip(198, 18, 0, 1))
-{
-    return fb::Frame().srcMac(src).dstMac(dst).srcIp(srcIp).dstIp(dstIp).srcPort(5000).dstPort(53).build();
-}
-
-::up port(const std::string& name)
-{
-    ::up h = UP_INVALID;
-    EXPECT_TRUE(swcfg::parsePortName(name, &h));
-    return h;
-}
-
-SwQTableEntry binding(uint32_t ip, const fb::Mac& m, uint16_t vlan, const std::string& p)
-{
-    SwQTableEntry e;
-    memset(&e, 0, sizeof e);
-    e.ip[0] = (uint8_t)(ip >> 24);
-    e.ip[1] = (uint8_t)(ip >> 16);
-    e.ip[2] = (uint8_t)(ip >> 8);
-    e.ip[3] = (uint8_t)ip;
-    memcpy(e.mac, m.data(), 6);
-    e.vlan = vlan;
-    e.port = port(p);
-    e.source = QTABLE_SOURCE_DHCP_SNOOP;
-    memcpy(e.mark, "---", 3);
-    return e;
-}
-
-class Switch : public LiveTest {
+class Switch : public LiveQueueTest {
 protected:
-    void SetUp() override
-    {
-        LiveTest::SetUp();
-        // The module is not running here: its queue is the test's.
-        dhcpSnoopQueue = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, queueDepth, sizeof(DhcpSnoopMsg), 4);
-        ASSERT_GT(dhcpSnoopQueue, 0);
-    }
-
-    void TearDown() override
-    {
-        DhcpSnoopMsg m;
-        while (takeMsg(m))
-            dhcpReleasePacketPool(m.packet.frame);
-        dhcpSnoopQueue = 0;
-        LiveTest::TearDown();
-    }
-
-    bool takeMsg(DhcpSnoopMsg& m)
-    {
-        memset(&m, 0, sizeof m);
-        return pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr) == (int32_t)sizeof m;
-    }
-
-    uint32_t queueDepth = 16;
+    Switch() { queueDepth = 16; }
 };
 
 // ---- VLANs and forwarding -------------------------------------------------------

@@ -34,46 +34,20 @@ vlan = 10
 rate = 5
 )";
 
-fb::Mac mac(uint8_t n) { return {0x02, 0x00, 0x00, 0x00, 0x01, n}; }
-
-class Trap : public LiveTest {
+class Trap : public LiveQueueTest {
 protected:
+    Trap() { queueDepth = DHCP_SNOOP_QUEUE_DEPTH; }
+
     void SetUp() override
     {
-        LiveTest::SetUp();
-        dhcpSnoopQueue = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, DHCP_SNOOP_QUEUE_DEPTH, sizeof(DhcpSnoopMsg), 4);
-        ASSERT_GT(dhcpSnoopQueue, 0);
+        LiveQueueTest::SetUp();
         bringUp(kConfig);
-    }
-
-    void TearDown() override
-    {
-        drain();
-        dhcpSnoopQueue = 0;
-        LiveTest::TearDown();
-    }
-
-    // Takes every record; frames go back to the pool. Returns the records
-    // taken by type.
-    std::map<uint8_t, size_t> drain()
-    {
-        std::map<uint8_t, size_t> taken;
-        DhcpSnoopMsg m;
-        for (;;) {
-            memset(&m, 0, sizeof m);
-            if (pal_msgQ_receive(dhcpSnoopQueue, &m, sizeof m, 0, nullptr) != (int32_t)sizeof m)
-                break;
-            ++taken[m.type];
-            if (m.type == DHCP_SNOOP_MSG_PACKET)
-                dhcpReleasePacketPool(m.packet.frame);
-        }
-        return taken;
     }
 
     void discovers(const std::string& port, uint8_t client, size_t n)
     {
         fb::Params p;
-        p.clientMac = mac(client);
+        p.clientMac = lt::mac(1, client);
         for (size_t i = 0; i < n; ++i) {
             p.xid = (uint32_t)(0x1000 + i);
             rx(port, fb::discover(p).build());

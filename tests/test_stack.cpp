@@ -638,11 +638,7 @@ TEST_F(StackTest, SnapshotAndRecordsReproduceTheTableOnAFreshRun)
 
 // ---- a snapshot made by the big-endian switch ---------------------------------------
 
-std::string goldenDir()
-{
-    std::string f = __FILE__;
-    return f.substr(0, f.find_last_of('/')) + "/data/stack-golden/";
-}
+std::string goldenDir() { return DHCPSNOOP_TEST_DATA "/stack-golden/"; }
 
 TEST_F(StackTest, GoldenSnapshotOfTheMipsBuildIsApplied)
 {

@@ -1140,14 +1140,14 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
     transmitAll(c, tx, out, f, len, offIn ? &off : nullptr);
 }
 
-void discard(size_t rx, const char* reason)
+void discard(size_t rx, const char* reason, uint64_t count)
 {
     Core& c = core();
     Guard g(c.lock);
-    if (!c.up || rx >= c.ports.size() || !reason)
+    if (!c.up || rx >= c.ports.size() || !reason || count == 0)
         return;
-    ++c.ports[rx].counters.rxFrames;
-    ++c.ports[rx].counters.discarded[reason];
+    c.ports[rx].counters.rxFrames += count;
+    c.ports[rx].counters.discarded[reason] += count;
 }
 
 std::string sendFailure(int err)

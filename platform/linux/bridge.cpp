@@ -415,7 +415,6 @@ void guardLoop()
         // One transaction for everything waiting, in order; an element is
         // added by its first entry and deleted with its last.
         std::string text;
-        std::map<nft::Element, uint32_t> before = q.installed;
         while (!q.pending.empty()) {
             auto op = q.pending.front();
             q.pending.pop_front();

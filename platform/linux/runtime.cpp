@@ -141,6 +141,8 @@ thread_local size_t tOwedCount = 0;
 // that never waits (a lasting flood) still pays after this many, so a
 // save request is never held back for long.
 constexpr uint32_t kOwedRecordsMax = 32;
+// Milliseconds the main task waits in its pump before it pays.
+constexpr int kOwedGraceMs = 1;
 thread_local uint32_t tOwedRecords = 0;
 
 bool oweWake(Queue* q)
@@ -188,6 +190,17 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
     auto ready = [q] { return q->count > 0; };
     if (ready())
         return true;
+    // About to wait: the tasks this one posted to run now. In the pump the
+    // main task first waits a moment for the next frame (the answer to the
+    // one it sent on is often on its way): the look-ups it posted are not
+    // urgent, and a wake-up paid for several of them is cheaper.
+    auto pay = [&lk] {
+        lk.unlock();
+        payWakes();
+        lk.lock();
+    };
+    if (wait != 0 && tOwedCount > 0 && !q->mainQueue)
+        pay();
     if (wait == 0 || !q->mainQueue)
         return waitFor(q->notEmpty, lk, wait, ready);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait < 0 ? 0 : wait);
@@ -208,6 +221,10 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
                 ++ps.users;
         }
         if (!pump) {
+            if (tOwedCount > 0) {
+                pay();
+                continue;
+            }
             // setMainPump notifies: a pump set meanwhile is taken up.
             if (wait < 0)
                 q->notEmpty.wait(lk);
@@ -215,6 +232,9 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
                 q->notEmpty.wait_until(lk, deadline);
             continue;
         }
+        bool owed = tOwedCount > 0;
+        if (owed && (timeoutMs < 0 || timeoutMs > kOwedGraceMs))
+            timeoutMs = kOwedGraceMs;
         q->pumping = true;
         q->pumper = pthread_self();
         lk.unlock();
@@ -229,6 +249,8 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
             --ps.users;
         }
         ps.idle.notify_all();
+        if (owed && !ready())
+            pay();
     }
     return true;
 }
@@ -561,12 +583,6 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
         lk.lock();
     }
     q->consumerBusy = false;
-    if (q->count == 0 && wait != 0 && tOwedCount > 0) {
-        // About to wait: the tasks this one posted to run now.
-        lk.unlock();
-        payWakes();
-        lk.lock();
-    }
     if (!waitForRecord(q, lk, wait))
         return -1;
     const uint8_t* rec = &q->ring[(size_t)q->head * q->recordSize];

@@ -165,6 +165,7 @@ void completeUdpChecksum(uint8_t* f, size_t len)
 // burst instead of one a frame.
 constexpr unsigned kBatch = 32;
 constexpr size_t kTrapBuffer = core::kPoolBufferSize + 64;
+constexpr uint32_t kNamingBacklog = logging::kNamingOffBacklog;
 
 struct RxBatch {
     std::unique_ptr<uint8_t[]> bufs{new uint8_t[kBatch * kTrapBuffer]};
@@ -286,10 +287,13 @@ struct Pump {
 };
 Pump* gPump = nullptr;  // set and cleared with the runtime's pump
 
-void pumpTraps(int wakeFd, int timeoutMs)
+uint32_t pumpTraps(int wakeFd, int timeoutMs)
 {
     Pump& pm = *gPump;
     size_t n = pm.fds.size();
+    // A full batch leaves more in its socket: the main task is behind, as
+    // with that backlog in its queue.
+    uint32_t waiting = 0;
     pm.fds[n - 1].fd = wakeFd;
     int r = poll(pm.fds.data(), (nfds_t)n, timeoutMs);
     if (r > 0) {
@@ -298,8 +302,8 @@ void pumpTraps(int wakeFd, int timeoutMs)
             (void)!read(wakeFd, &v, sizeof v);
         }
         for (size_t i = 0; i + 1 < n; ++i)
-            if (pm.fds[i].revents & POLLIN)
-                receiveBatch(pm.portOf[i], pm.fds[i].fd, pm.batch);
+            if ((pm.fds[i].revents & POLLIN) && receiveBatch(pm.portOf[i], pm.fds[i].fd, pm.batch) == (int)kBatch)
+                waiting += kNamingBacklog;
     }
     uint64_t now = core::nowMs();
     if (now - pm.statsMs >= 1000) {
@@ -307,6 +311,7 @@ void pumpTraps(int wakeFd, int timeoutMs)
         for (size_t i = 0; i + 1 < n; ++i)
             countSocketDrops(pm.portOf[i], pm.fds[i].fd);
     }
+    return waiting;
 }
 
 bool openTrap(PortIo& p, std::string& error)

@@ -114,8 +114,10 @@ bool postByName(const char* name, const void* record, uint32_t size);
 // The data plane's receive, run by the module's main task while its queue
 // is empty: waits at most timeoutMs (-1: without limit) for its sockets or
 // for wakeFd (an eventfd other senders to the queue write; the pump reads
-// it), and posts what the sockets hold to the queue. Returns after a round.
-using Pump = void (*)(int wakeFd, int timeoutMs);
+// it), and posts what the sockets hold to the queue. Returns after a round
+// with the number of frames it guesses are still waiting in the sockets
+// (counted in the main task's backlog, see logging::startMainRecord).
+using Pump = uint32_t (*)(int wakeFd, int timeoutMs);
 // Sets the pump, or with nullptr removes it and returns once no task is
 // inside it any more. False when the eventfd cannot be made.
 bool setMainPump(Pump pump);

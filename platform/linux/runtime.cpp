@@ -141,6 +141,8 @@ thread_local size_t tOwedCount = 0;
 // that never waits (a lasting flood) still pays after this many, so a
 // save request is never held back for long.
 constexpr uint32_t kOwedRecordsMax = 32;
+// Frames the pump left in its sockets at its last round.
+thread_local uint32_t tPumpBacklog = 0;
 // Milliseconds the main task waits in its pump before it pays.
 constexpr int kOwedGraceMs = 1;
 thread_local uint32_t tOwedRecords = 0;
@@ -240,7 +242,7 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
         lk.unlock();
         {
             live::logging::MainTaskAside aside;
-            pump(ps.wakeFd, timeoutMs);
+            tPumpBacklog = pump(ps.wakeFd, timeoutMs);
         }
         lk.lock();
         q->pumping = false;
@@ -600,7 +602,7 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
         *word = 0;
     // The main task's lines from here on are about this record only.
     if (live::logging::onMainTask()) {
-        live::logging::startMainRecord(backlog);
+        live::logging::startMainRecord(backlog + (q->mainQueue ? tPumpBacklog : 0));
         if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
             payWakes();
     }

@@ -693,20 +693,13 @@ TrapDrop dropOf(live::trap::Verdict v)
 // A trapped frame reaches the module's queue only past the port's policer
 // and within its share of the queue; what frames may not take is left for
 // the timer and configuration messages.
-void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
+// handle and untrusted: the port's, read by the caller under the lock.
+void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid, ::up handle, bool untrusted)
 {
     // An untrusted port's pending requests are counted in the module's
     // table, without the core's lock.
-    bool capPending = false;
+    bool capPending = untrusted;
     uint32_t pending = 0;
-    ::up handle = UP_INVALID;
-    {
-        Guard g(c.lock);
-        if (!c.up || rx >= c.ports.size())
-            return;
-        handle = c.ports[rx].cfg.handle;
-        capPending = !c.ports[rx].cfg.trust;
-    }
     if (capPending)
         capPending = live::trap::pendingRequestsOf(handle, &pending);
     std::string event;
@@ -1048,6 +1041,8 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
     uint8_t* f = frame;
     uint16_t vid = 0;
     bool dhcp = false;
+    ::up handle = UP_INVALID;
+    bool untrusted = false;
     Offload off;
     if (offIn)
         off = *offIn;
@@ -1103,6 +1098,8 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
         if (!tagged || vid == 0)
             vid = p.cfg.vlan;
         dhcp = isDhcp(f, len);
+        handle = p.cfg.handle;
+        untrusted = !p.cfg.trust;
         if (vid == 0 || !p.cfg.carries(vid)) {
             if (dhcp)
                 ++p.counters.dropped[vlanDropKey(p.counters.dropped, vid)];
@@ -1134,7 +1131,7 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
         }
     }
     if (dhcp) {
-        trap(c, rx, f, len, vid);
+        trap(c, rx, f, len, vid, handle, untrusted);
         return;
     }
     transmitAll(c, tx, out, f, len, offIn ? &off : nullptr);
@@ -1204,6 +1201,8 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
     Core& c = core();
     uint8_t* f = frame;
     uint16_t vid = 0;
+    ::up handle = UP_INVALID;
+    bool untrusted = false;
     {
         Guard g(c.lock);
         if (!c.up || rx >= c.ports.size() || !frame)
@@ -1212,6 +1211,8 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
         ++p.counters.rxFrames;
         if (len < 14)
             return;
+        handle = p.cfg.handle;
+        untrusted = !p.cfg.trust;
         bool tagged = false;
         if (vlanTci >= 0) {
             tagged = true;
@@ -1232,7 +1233,7 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
             return;
         }
     }
-    trap(c, rx, f, len, vid);
+    trap(c, rx, f, len, vid, handle, untrusted);
 }
 
 }  // namespace core

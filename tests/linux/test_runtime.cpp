@@ -412,7 +412,7 @@ struct PumpRig {
 };
 PumpRig* gRig = nullptr;
 
-void rigPump(int wakeFd, int timeoutMs)
+uint32_t rigPump(int wakeFd, int timeoutMs)
 {
     PumpRig& r = *gRig;
     r.inside = true;
@@ -432,6 +432,7 @@ void rigPump(int wakeFd, int timeoutMs)
         }
     }
     r.inside = false;
+    return 0;
 }
 
 TEST_F(Runtime, TheMainQueueWaitsInThePumpWhichOtherSendersWakeAndWhichCanBeTakenAway)

@@ -7,18 +7,21 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <filesystem>
@@ -272,19 +275,22 @@ void receiveLoop(size_t port)
 // flooding port's frames wait in its own socket while the others' are
 // taken, as in a switch's queues per port; the policer and the queue share
 // are still applied to every frame (core::trapOnly).
-// DHCPSNOOPD_TRAP_THREADS=1: receive threads as before, to compare.
-bool threadedTrap()
-{
-    const char* v = getenv("DHCPSNOOPD_TRAP_THREADS");
-    return v && strcmp(v, "1") == 0;
-}
-
 struct Pump {
     std::vector<struct pollfd> fds;  // the ports' sockets, the eventfd last
     std::vector<size_t> portOf;
     RxBatch batch;
     uint64_t statsMs = 0;
+    int64_t lastFrameUs = INT64_MIN / 2;
 };
+
+// Microseconds the pump keeps looking after a frame before it sleeps.
+constexpr int64_t kSpinUs = 300;
+
+int64_t steadyUs()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 Pump* gPump = nullptr;  // set and cleared with the runtime's pump
 
 uint32_t pumpTraps(int wakeFd, int timeoutMs)
@@ -295,15 +301,30 @@ uint32_t pumpTraps(int wakeFd, int timeoutMs)
     // with that backlog in its queue.
     uint32_t waiting = 0;
     pm.fds[n - 1].fd = wakeFd;
-    int r = poll(pm.fds.data(), (nfds_t)n, timeoutMs);
+    int r = 0;
+    // Shortly after a frame the answer to it is often on its way (a server
+    // answers within a few hundred microseconds): the main task looks for
+    // it without sleeping, so that it costs no wake-up, and lets any other
+    // thread of its processor run in between.
+    if (timeoutMs != 0 && steadyUs() - pm.lastFrameUs < kSpinUs) {
+        while ((r = poll(pm.fds.data(), (nfds_t)n, 0)) == 0 && steadyUs() - pm.lastFrameUs < kSpinUs)
+            sched_yield();
+    }
+    if (r == 0)
+        r = poll(pm.fds.data(), (nfds_t)n, timeoutMs);
     if (r > 0) {
         if (pm.fds[n - 1].revents & POLLIN) {
             uint64_t v;
             (void)!read(wakeFd, &v, sizeof v);
         }
         for (size_t i = 0; i + 1 < n; ++i)
-            if ((pm.fds[i].revents & POLLIN) && receiveBatch(pm.portOf[i], pm.fds[i].fd, pm.batch) == (int)kBatch)
-                waiting += kNamingBacklog;
+            if (pm.fds[i].revents & POLLIN) {
+                int got = receiveBatch(pm.portOf[i], pm.fds[i].fd, pm.batch);
+                if (got > 0)
+                    pm.lastFrameUs = steadyUs();
+                if (got == (int)kBatch)
+                    waiting += kNamingBacklog;
+            }
     }
     uint64_t now = core::nowMs();
     if (now - pm.statsMs >= 1000) {
@@ -411,6 +432,9 @@ void guardLoop()
 {
     State& s = state();
     runtime::nameThread("nftGuard");
+    // Its transactions are background work: the frames the module is
+    // waiting for go first (the kernel's filters follow within milliseconds).
+    (void)setpriority(PRIO_PROCESS, (id_t)syscall(SYS_gettid), 10);
     GuardQueue& q = s.guard;
     std::unique_lock<std::mutex> lk(q.lock);
     for (;;) {
@@ -704,7 +728,7 @@ bool run(std::string& error)
     }
     gPump->fds.push_back({-1, POLLIN, 0});
     gPump->statsMs = core::nowMs();
-    if (!threadedTrap() && runtime::setMainPump(pumpTraps)) {
+    if (runtime::setMainPump(pumpTraps)) {
         s.running = true;
         return true;
     }

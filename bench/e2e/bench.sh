@@ -311,7 +311,15 @@ row "  REQUEST-ACK max delay (ms)" lat.ra_max
 row "  REQUEST-ACK std deviation (ms)" lat.ra_std
 if [ -n "$daemon" ] && [ -n "${fig[bridge.lat.ra_avg]}" ] && [ -n "${fig[daemon.lat.ra_avg]}" ]; then
   add=$(awk -v b="${fig[bridge.lat.ra_avg]}" -v d="${fig[daemon.lat.ra_avg]}" 'BEGIN { printf "%.3f", d - b }')
-  echo "added latency per REQUEST-ACK at 50/s: $add ms"
+  echo "added latency per REQUEST-ACK at 50/s: $add ms (medians of the columns)"
+  # The same from each round's pair, bridge and daemon measured one after the other.
+  for ((r = 1; r <= rounds; r++)); do
+    fig[pair.$r.ratio]=$(awk -v b="${fig[bridge.max.$r.rate]:-0}" -v d="${fig[daemon.max.$r.rate]:-0}" 'BEGIN { if (b > 0) printf "%.3f", d / b }')
+    fig[pair.$r.add]=$(awk -v b="${fig[bridge.lat.$r.ra_avg]:-0}" -v d="${fig[daemon.lat.$r.ra_avg]:-0}" 'BEGIN { printf "%.3f", d - b }')
+    fig[pair.$r.addmin]=$(awk -v b="${fig[bridge.lat.$r.ra_min]:-0}" -v d="${fig[daemon.lat.$r.ra_min]:-0}" 'BEGIN { printf "%.3f", d - b }')
+  done
+  median pair ratio; median pair add; median pair addmin
+  echo "median of the rounds' own figures: exchanges/s daemon / bridge ${fig[pair.ratio]:--}, added REQUEST-ACK delay at 50/s ${fig[pair.add]:--} ms avg, ${fig[pair.addmin]:--} ms min"
 fi
 if [ -n "$daemon" ]; then
   echo "rounds (bridge and daemon in turn):"

@@ -223,6 +223,7 @@ bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
                 ++ps.users;
         }
         if (!pump) {
+            tPumpBacklog = 0;
             if (tOwedCount > 0) {
                 pay();
                 continue;

@@ -3,7 +3,7 @@
 # kernel bridge, the same dnsmasq server and Kea's perfdhcp on both.
 #
 #   sudo bench/e2e/bench.sh [--daemon DHCPSNOOPD [--ctl DHCPSNOOPCTL]] [--bridge-only]
-#                           [--seconds N] [--clients N]
+#                           [--seconds N] [--clients N] [--rounds N]
 #
 # Without --daemon it builds an optimised dhcpsnoopd in build/bench-live when the
 # source tree has one; without one (or with --bridge-only) it measures the
@@ -17,12 +17,14 @@
 # elements, so that every client can hold a binding and a pending request.
 # Two runs per switch: as fast as perfdhcp can (throughput), then 50
 # exchanges a second (latency of a switch that is not loaded). The daemon's
-# resident memory (VmRSS) is read before and after the load.
+# resident memory (VmRSS) is read before and after the load. --rounds N
+# (default 3) measures bridge and daemon in turn N times and reports the
+# medians, so that a change of the machine's load hits both columns alike.
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
 top="$(cd "$here/../.." && pwd)"
-daemon="" ctl="" bridge_only=0 seconds=10 clients=500
+daemon="" ctl="" bridge_only=0 seconds=10 clients=500 rounds=3
 while [ $# -gt 0 ]; do
   case "$1" in
     --daemon) daemon="$2"; shift 2 ;;
@@ -30,7 +32,8 @@ while [ $# -gt 0 ]; do
     --bridge-only) bridge_only=1; shift ;;
     --seconds) seconds="$2"; shift 2 ;;
     --clients) clients="$2"; shift 2 ;;
-    -h|--help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --rounds) rounds="$2"; shift 2 ;;
+    -h|--help) sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "bench.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -210,37 +213,79 @@ parse() {
   fig[$key.ra_std]=$(field "$file" REQUEST-ACK "std deviation:")
 }
 
+# latency_fields FILE KEY: p50, p99 and max (us) of a dhcpsnoopctl latency line.
+latency_fields() {
+  local line; line=$(cat "$1" 2>/dev/null || true)
+  fig[$2.p50]=$(sed -n 's/.* p50 \([0-9.]*\) us.*/\1/p' <<<"$line")
+  fig[$2.p99]=$(sed -n 's/.* p99 \([0-9.]*\) us.*/\1/p' <<<"$line")
+  fig[$2.pmax]=$(sed -n 's/.* max \([0-9.]*\) us.*/\1/p' <<<"$line")
+}
+
+# measure MODE ROUND: the figures under MODE.max.ROUND and MODE.lat.ROUND.
 measure() {
-  local mode=$1
-  echo "== $mode: topology"
+  local mode=$1 r=$2
+  echo "== round $r, $mode: topology"
   topology "$mode"
-  [ "$mode" = daemon ] && fig[daemon.rss0]=$(vmrss "$daemon_pid")
+  [ "$mode" = daemon ] && fig[daemon.rss0.$r]=$(vmrss "$daemon_pid")
   [ "$mode" = daemon ] && latency --clear >/dev/null
-  echo "== $mode: perfdhcp, $clients clients, $seconds s as fast as it can"
-  perf "$mode-max"
-  [ "$mode" = daemon ] && fig[daemon.rss1]=$(vmrss "$daemon_pid")
-  [ "$mode" = daemon ] && latency --clear >"$work/latency-max.txt"
-  echo "== $mode: perfdhcp, 50 exchanges a second, $seconds s"
-  perf "$mode-lat" -r 50
+  echo "== round $r, $mode: perfdhcp, $clients clients, $seconds s as fast as it can"
+  perf "$mode-max-$r"
+  [ "$mode" = daemon ] && fig[daemon.rss1.$r]=$(vmrss "$daemon_pid")
+  [ "$mode" = daemon ] && latency --clear >"$work/latency-max-$r.txt"
+  echo "== round $r, $mode: perfdhcp, 50 exchanges a second, $seconds s"
+  perf "$mode-lat-$r" -r 50
   if [ "$mode" = daemon ]; then
-    fig[daemon.rss2]=$(vmrss "$daemon_pid")
-    latency >"$work/latency-lat.txt"
+    fig[daemon.rss2.$r]=$(vmrss "$daemon_pid")
+    latency >"$work/latency-lat-$r.txt"
+    latency_fields "$work/latency-max-$r.txt" "daemon.hmax.$r"
+    latency_fields "$work/latency-lat-$r.txt" "daemon.hlat.$r"
     if [ -n "$ctl" ]; then
-      "$ctl" --control "$work/ctl.sock" counters >"$work/counters.txt" 2>&1 || true
+      "$ctl" --control "$work/ctl.sock" counters >"$work/counters-$r.txt" 2>&1 || true
     else
-      echo "(no dhcpsnoopctl found: pass --ctl)" >"$work/counters.txt"
+      echo "(no dhcpsnoopctl found: pass --ctl)" >"$work/counters-$r.txt"
     fi
+    # Frames the daemon could not queue, all ports.
+    fig[daemon.qfull.$r]=$(awk -F': ' '/dropped: .*queue full/ { n += $NF } END { print n + 0 }' "$work/counters-$r.txt")
   fi
-  parse "$mode.max" "$work/$mode-max.txt"
-  parse "$mode.lat" "$work/$mode-lat.txt"
-  if [ -z "${fig[$mode.max.rate]}" ]; then
-    echo "bench.sh: perfdhcp gave no figures ($mode):" >&2; cat "$work/$mode-max.txt" >&2; exit 1
+  parse "$mode.max.$r" "$work/$mode-max-$r.txt"
+  parse "$mode.lat.$r" "$work/$mode-lat-$r.txt"
+  if [ -z "${fig[$mode.max.$r.rate]}" ]; then
+    echo "bench.sh: perfdhcp gave no figures ($mode):" >&2; cat "$work/$mode-max-$r.txt" >&2; exit 1
   fi
   stop_all
 }
 
-measure bridge
-[ -n "$daemon" ] && measure daemon
+# median KEY FIELD: the median over the rounds of KEY.ROUND.FIELD into KEY.FIELD.
+median() {
+  local key=$1 field=$2 r vals=()
+  for ((r = 1; r <= rounds; r++)); do
+    [ -n "${fig[$key.$r.$field]:-}" ] && vals+=("${fig[$key.$r.$field]}")
+  done
+  [ ${#vals[@]} -gt 0 ] || return 0
+  fig[$key.$field]=$(printf '%s\n' "${vals[@]}" | sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.6g\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }')
+}
+
+for ((round = 1; round <= rounds; round++)); do
+  measure bridge "$round"
+  [ -n "$daemon" ] && measure daemon "$round"
+done
+for m in bridge daemon; do
+  for k in max lat; do
+    for f in rate sent drops do_avg ra_avg ra_min ra_max ra_std; do median "$m.$k" "$f"; done
+  done
+done
+for f in p50 p99 pmax; do median daemon.hmax "$f"; median daemon.hlat "$f"; done
+# Per round: the ratios of that round (bridge and daemon measured in turn).
+per_round() {
+  local r
+  for ((r = 1; r <= rounds; r++)); do
+    printf '  round %d: exchanges/s bridge %s, daemon %s (%s); REQUEST-ACK avg at 50/s bridge %s ms, daemon %s ms (+%s ms)\n' "$r" \
+      "${fig[bridge.max.$r.rate]:--}" "${fig[daemon.max.$r.rate]:--}" \
+      "$(awk -v b="${fig[bridge.max.$r.rate]:-0}" -v d="${fig[daemon.max.$r.rate]:-0}" 'BEGIN { if (b > 0) printf "%.2fx", d / b; else print "-" }')" \
+      "${fig[bridge.lat.$r.ra_avg]:--}" "${fig[daemon.lat.$r.ra_avg]:--}" \
+      "$(awk -v b="${fig[bridge.lat.$r.ra_avg]:-0}" -v d="${fig[daemon.lat.$r.ra_avg]:-0}" 'BEGIN { printf "%.3f", d - b }')"
+  done
+}
 
 # row LABEL KEY: bridge value, daemon value, daemon / bridge.
 row() {
@@ -251,7 +296,7 @@ row() {
   printf '%-44s %14s %14s %8s\n' "$1" "${b:--}" "${d:--}" "$r"
 }
 echo
-echo "== DHCP through a kernel bridge and through dhcpsnoopd (same server, same load)"
+echo "== DHCP through a kernel bridge and through dhcpsnoopd (same server, same load; medians of $rounds rounds)"
 printf '%-44s %14s %14s %8s\n' "" "bridge" "dhcpsnoopd" "ratio"
 row "4-way exchanges/s (as fast as possible)" max.rate
 row "  DISCOVERs sent" max.sent
@@ -266,17 +311,37 @@ row "  REQUEST-ACK max delay (ms)" lat.ra_max
 row "  REQUEST-ACK std deviation (ms)" lat.ra_std
 if [ -n "$daemon" ] && [ -n "${fig[bridge.lat.ra_avg]}" ] && [ -n "${fig[daemon.lat.ra_avg]}" ]; then
   add=$(awk -v b="${fig[bridge.lat.ra_avg]}" -v d="${fig[daemon.lat.ra_avg]}" 'BEGIN { printf "%.3f", d - b }')
-  echo "added latency per REQUEST-ACK at 50/s: $add ms"
+  echo "added latency per REQUEST-ACK at 50/s: $add ms (medians of the columns)"
+  # The same from each round's pair, bridge and daemon measured one after the other.
+  for ((r = 1; r <= rounds; r++)); do
+    fig[pair.$r.ratio]=$(awk -v b="${fig[bridge.max.$r.rate]:-0}" -v d="${fig[daemon.max.$r.rate]:-0}" 'BEGIN { if (b > 0) printf "%.3f", d / b }')
+    fig[pair.$r.add]=$(awk -v b="${fig[bridge.lat.$r.ra_avg]:-0}" -v d="${fig[daemon.lat.$r.ra_avg]:-0}" 'BEGIN { printf "%.3f", d - b }')
+    fig[pair.$r.addmin]=$(awk -v b="${fig[bridge.lat.$r.ra_min]:-0}" -v d="${fig[daemon.lat.$r.ra_min]:-0}" 'BEGIN { printf "%.3f", d - b }')
+  done
+  median pair ratio; median pair add; median pair addmin
+  echo "median of the rounds' own figures: exchanges/s daemon / bridge ${fig[pair.ratio]:--}, added REQUEST-ACK delay at 50/s ${fig[pair.add]:--} ms avg, ${fig[pair.addmin]:--} ms min"
 fi
 if [ -n "$daemon" ]; then
+  echo "rounds (bridge and daemon in turn):"
+  per_round
   # The pools and tables are sized at start-up: once touched, memory stays.
-  printf 'dhcpsnoopd VmRSS: %s kB before the load, %s kB after the full-speed run, %s kB at the end (end / after full speed: %s)\n' \
-    "${fig[daemon.rss0]}" "${fig[daemon.rss1]}" "${fig[daemon.rss2]}" \
-    "$(awk -v a="${fig[daemon.rss1]}" -v b="${fig[daemon.rss2]}" 'BEGIN { if (a > 0) printf "%.2f", b / a; else print "-" }')"
-  echo "dhcpsnoopd trap to transmit, as fast as possible: $(cat "$work/latency-max.txt")"
-  echo "dhcpsnoopd trap to transmit, 50/s offered:        $(cat "$work/latency-lat.txt")"
-  echo "== dhcpsnoopctl counters after the runs"
-  cat "$work/counters.txt"
+  for ((r = 1; r <= rounds; r++)); do
+    printf 'round %d: dhcpsnoopd VmRSS %s kB before the load, %s kB after the full-speed run, %s kB at the end (end / after full speed: %s)\n' "$r" \
+      "${fig[daemon.rss0.$r]}" "${fig[daemon.rss1.$r]}" "${fig[daemon.rss2.$r]}" \
+      "$(awk -v a="${fig[daemon.rss1.$r]}" -v b="${fig[daemon.rss2.$r]}" 'BEGIN { if (a > 0) printf "%.2f", b / a; else print "-" }')"
+  done
+  printf 'dhcpsnoopd trap to transmit (us, medians of the rounds), as fast as possible: p50 %s, p99 %s, max %s\n' \
+    "${fig[daemon.hmax.p50]:--}" "${fig[daemon.hmax.p99]:--}" "${fig[daemon.hmax.pmax]:--}"
+  printf 'dhcpsnoopd trap to transmit (us, medians of the rounds), 50/s offered:        p50 %s, p99 %s, max %s\n' \
+    "${fig[daemon.hlat.p50]:--}" "${fig[daemon.hlat.p99]:--}" "${fig[daemon.hlat.pmax]:--}"
+  for ((r = 1; r <= rounds; r++)); do
+    echo "round $r, as fast as possible: $(cat "$work/latency-max-$r.txt")"
+    echo "round $r, 50/s offered:        $(cat "$work/latency-lat-$r.txt")"
+  done
+  printf 'frames dropped as "queue full" per round: %s\n' \
+    "$(for ((r = 1; r <= rounds; r++)); do printf '%s ' "${fig[daemon.qfull.$r]:-?}"; done)"
+  echo "== dhcpsnoopctl counters after the last round"
+  cat "$work/counters-$rounds.txt"
 else
   echo "(no dhcpsnoopd column: the daemon is not built in this tree; pass --daemon PATH)"
 fi

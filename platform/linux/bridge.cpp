@@ -7,15 +7,19 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -178,59 +182,175 @@ void completeUdpChecksum(uint8_t* f, size_t len)
     f[l4 + 7] = (uint8_t)c;
 }
 
+// Frames a trap socket gives at once (recvmmsg): one system call for a
+// burst instead of one a frame.
+constexpr unsigned kBatch = 32;
+constexpr size_t kTrapBuffer = core::kPoolBufferSize + 64;
+constexpr uint32_t kNamingBacklog = logging::kNamingOffBacklog;
+
+struct RxBatch {
+    std::unique_ptr<uint8_t[]> bufs{new uint8_t[kBatch * kTrapBuffer]};
+    struct mmsghdr msgs[kBatch];
+    struct iovec iov[kBatch];
+    struct sockaddr_ll from[kBatch];
+    alignas(struct cmsghdr) uint8_t control[kBatch][CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+};
+
+// One frame of a trap socket to the core.
+void trapFrame(size_t port, const PortIo& p, uint8_t* frame, size_t n, const struct msghdr& msg,
+               const struct sockaddr_ll& from)
+{
+    // On a member port only what arrives; on the bridge device only what
+    // the host sends (what arrives there went through the bridge, the
+    // module's own frames among them).
+    bool outgoing = from.sll_pkttype == PACKET_OUTGOING;
+    if (outgoing != p.host)
+        return;
+    if (msg.msg_flags & MSG_TRUNC)
+        return;  // too long for the packet pool: not a DHCP frame the module takes
+    int32_t tci = -1;
+    bool csumNotReady = false;
+    for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(const_cast<struct msghdr*>(&msg), c)) {
+        if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA)
+            continue;
+        struct tpacket_auxdata aux;
+        memcpy(&aux, CMSG_DATA(c), sizeof aux);
+        if ((aux.tp_status & TP_STATUS_VLAN_VALID) || aux.tp_vlan_tci != 0)
+            tci = aux.tp_vlan_tci;
+        if (aux.tp_status & TP_STATUS_CSUMNOTREADY)
+            csumNotReady = true;
+    }
+    if (csumNotReady || p.host)
+        completeUdpChecksum(frame, n);
+    core::trapOnly(port, frame, n, tci);
+}
+
+// Takes what the port's socket holds, at most kBatch frames; their number.
+int receiveBatch(size_t port, int fd, RxBatch& b)
+{
+    State& s = state();
+    const PortIo& p = *s.ports[port];
+    for (unsigned i = 0; i < kBatch; ++i) {
+        b.iov[i] = {b.bufs.get() + i * kTrapBuffer, kTrapBuffer};
+        struct msghdr& m = b.msgs[i].msg_hdr;
+        memset(&m, 0, sizeof m);
+        m.msg_name = &b.from[i];
+        m.msg_namelen = sizeof b.from[i];
+        m.msg_iov = &b.iov[i];
+        m.msg_iovlen = 1;
+        m.msg_control = b.control[i];
+        m.msg_controllen = sizeof b.control[i];
+    }
+    int n = recvmmsg(fd, b.msgs, kBatch, MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < n; ++i)
+        if (b.msgs[i].msg_len > 0)
+            trapFrame(port, p, b.bufs.get() + (size_t)i * kTrapBuffer, b.msgs[i].msg_len, b.msgs[i].msg_hdr,
+                      b.from[i]);
+    return n < 0 ? 0 : n;
+}
+
+// Frames the kernel dropped on a trap socket whose buffer was full are
+// counted on their port; read (and reset) at most once a second.
+void countSocketDrops(size_t port, int fd)
+{
+    struct tpacket_stats st;
+    socklen_t len = sizeof st;
+    if (getsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &st, &len) == 0 && st.tp_drops > 0)
+        core::discard(port, "trap socket full", st.tp_drops);
+}
+
+// A receive thread per port: the trap path when the main task cannot wait
+// on the sockets itself (see pumpTraps).
 void receiveLoop(size_t port)
 {
     State& s = state();
     PortIo& p = *s.ports[port];
     runtime::nameThread(("trap-" + p.ifname).substr(0, 15).c_str());
-    std::vector<uint8_t> buf(core::kPoolBufferSize + 64);
-    alignas(struct cmsghdr) uint8_t control[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+    std::unique_ptr<RxBatch> batch(new RxBatch);
+    uint64_t statsMs = core::nowMs();
     while (!s.stopping.load()) {
         int fd = p.fd.load();
         if (fd < 0)
             return;
         struct pollfd pfd = {fd, POLLIN, 0};
-        if (poll(&pfd, 1, 200) <= 0)
-            continue;
-        for (int burst = 0; burst < 64 && !s.stopping.load(); ++burst) {
-            struct sockaddr_ll from;
-            struct iovec iov = {buf.data(), buf.size()};
-            struct msghdr msg;
-            memset(&msg, 0, sizeof msg);
-            msg.msg_name = &from;
-            msg.msg_namelen = sizeof from;
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
-            if (n <= 0)
-                break;
-            // On a member port only what arrives; on the bridge device only
-            // what the host sends (what arrives there went through the
-            // bridge, the module's own frames among them).
-            bool outgoing = from.sll_pkttype == PACKET_OUTGOING;
-            if (outgoing != p.host)
-                continue;
-            if (msg.msg_flags & MSG_TRUNC)
-                continue;  // too long for the packet pool: not a DHCP frame the module takes
-            int32_t tci = -1;
-            bool csumNotReady = false;
-            for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-                if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA)
-                    continue;
-                struct tpacket_auxdata aux;
-                memcpy(&aux, CMSG_DATA(c), sizeof aux);
-                if ((aux.tp_status & TP_STATUS_VLAN_VALID) || aux.tp_vlan_tci != 0)
-                    tci = aux.tp_vlan_tci;
-                if (aux.tp_status & TP_STATUS_CSUMNOTREADY)
-                    csumNotReady = true;
-            }
-            if (csumNotReady || p.host)
-                completeUdpChecksum(buf.data(), (size_t)n);
-            core::trapOnly(port, buf.data(), (size_t)n, tci);
+        if (poll(&pfd, 1, 200) > 0) {
+            // A burst is taken at once, without a poll per batch.
+            for (int round = 0; round < 4 && !s.stopping.load(); ++round)
+                if (receiveBatch(port, fd, *batch) < (int)kBatch)
+                    break;
+        }
+        uint64_t now = core::nowMs();
+        if (now - statsMs >= 1000) {
+            statsMs = now;
+            countSocketDrops(port, fd);
         }
     }
+}
+
+// The main task's wait while its queue is empty: the trap sockets and the
+// queue's eventfd in one poll. A trapped frame then wakes one thread, the
+// one that works on it. Each ready port gives one batch a round, so a
+// flooding port's frames wait in its own socket while the others' are
+// taken, as in a switch's queues per port; the policer and the queue share
+// are still applied to every frame (core::trapOnly).
+struct Pump {
+    std::vector<struct pollfd> fds;  // the ports' sockets, the eventfd last
+    std::vector<size_t> portOf;
+    RxBatch batch;
+    uint64_t statsMs = 0;
+    int64_t lastFrameUs = INT64_MIN / 2;
+};
+
+// Microseconds the pump keeps looking after a frame before it sleeps.
+constexpr int64_t kSpinUs = 300;
+
+int64_t steadyUs()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+Pump* gPump = nullptr;  // set and cleared with the runtime's pump
+
+uint32_t pumpTraps(int wakeFd, int timeoutMs)
+{
+    Pump& pm = *gPump;
+    size_t n = pm.fds.size();
+    // A full batch leaves more in its socket: the main task is behind, as
+    // with that backlog in its queue.
+    uint32_t waiting = 0;
+    pm.fds[n - 1].fd = wakeFd;
+    int r = 0;
+    // Shortly after a frame the answer to it is often on its way (a server
+    // answers within a few hundred microseconds): the main task looks for
+    // it without sleeping, so that it costs no wake-up, and lets any other
+    // thread of its processor run in between.
+    if (timeoutMs != 0 && steadyUs() - pm.lastFrameUs < kSpinUs) {
+        while ((r = poll(pm.fds.data(), (nfds_t)n, 0)) == 0 && steadyUs() - pm.lastFrameUs < kSpinUs)
+            sched_yield();
+    }
+    if (r == 0)
+        r = poll(pm.fds.data(), (nfds_t)n, timeoutMs);
+    if (r > 0) {
+        if (pm.fds[n - 1].revents & POLLIN) {
+            uint64_t v;
+            (void)!read(wakeFd, &v, sizeof v);
+        }
+        for (size_t i = 0; i + 1 < n; ++i)
+            if (pm.fds[i].revents & POLLIN) {
+                int got = receiveBatch(pm.portOf[i], pm.fds[i].fd, pm.batch);
+                if (got > 0)
+                    pm.lastFrameUs = steadyUs();
+                if (got == (int)kBatch)
+                    waiting += kNamingBacklog;
+            }
+    }
+    uint64_t now = core::nowMs();
+    if (now - pm.statsMs >= 1000) {
+        pm.statsMs = now;
+        for (size_t i = 0; i + 1 < n; ++i)
+            countSocketDrops(pm.portOf[i], pm.fds[i].fd);
+    }
+    return waiting;
 }
 
 bool openTrap(PortIo& p, std::string& error)
@@ -355,6 +475,9 @@ void guardLoop()
 {
     State& s = state();
     runtime::nameThread("nftGuard");
+    // Its transactions are background work: the frames the module is
+    // waiting for go first (the kernel's filters follow within milliseconds).
+    (void)setpriority(PRIO_PROCESS, (id_t)syscall(SYS_gettid), 10);
     GuardQueue& q = s.guard;
     std::unique_lock<std::mutex> lk(q.lock);
     for (;;) {
@@ -364,7 +487,6 @@ void guardLoop()
         // One transaction for everything waiting, in order; an element is
         // added by its first entry and deleted with its last.
         std::string text;
-        std::map<nft::Element, uint32_t> before = q.installed;
         while (!q.pending.empty()) {
             auto op = q.pending.front();
             q.pending.pop_front();
@@ -657,6 +779,24 @@ bool run(std::string& error)
     }
     s.stopping.store(false);
     logging::setSwitchInited(true);
+    // The main task waits on the trap sockets itself; receive threads only
+    // where it cannot.
+    gPump = new Pump;
+    for (size_t i = 0; i < s.ports.size(); ++i) {
+        int fd = s.ports[i]->fd.load();
+        if (fd >= 0) {
+            gPump->fds.push_back({fd, POLLIN, 0});
+            gPump->portOf.push_back(i);
+        }
+    }
+    gPump->fds.push_back({-1, POLLIN, 0});
+    gPump->statsMs = core::nowMs();
+    if (runtime::setMainPump(pumpTraps)) {
+        s.running = true;
+        return true;
+    }
+    delete gPump;
+    gPump = nullptr;
     try {
         for (size_t i = 0; i < s.ports.size(); ++i)
             if (s.ports[i]->fd.load() >= 0)
@@ -680,6 +820,11 @@ void stop()
     if (!s.active)
         return;
     s.stopping.store(true);
+    if (gPump) {
+        runtime::setMainPump(nullptr);
+        delete gPump;
+        gPump = nullptr;
+    }
     for (auto& t : s.threads)
         t.join();
     s.threads.clear();

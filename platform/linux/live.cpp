@@ -136,7 +136,21 @@ int transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid, cons
 bool openPort(const std::string& name, const std::string& interface, int& fd, int& ifindex, uint8_t mac[6],
               bool& haveMac, std::string& error);
 
-bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control, size_t controlLen);
+// Frames a port's socket gives at once (recvmmsg): one system call for a
+// burst. Each buffer holds the largest frame; its pages are touched only
+// as far as frames reach.
+constexpr unsigned kBatch = 8;
+
+struct RxBatch {
+    std::unique_ptr<uint8_t[]> bufs{new uint8_t[kBatch * core::kMaxFrame]};
+    struct virtio_net_hdr vh[kBatch];
+    struct mmsghdr msgs[kBatch];
+    struct iovec iov[kBatch][2];
+    struct sockaddr_ll from[kBatch];
+    alignas(struct cmsghdr) uint8_t control[kBatch][CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+};
+
+int receiveBatch(int fd, size_t port, RxBatch& b);
 
 // True when the port's interface is no longer the one its socket is bound
 // to (deleted, or deleted and made again).
@@ -177,9 +191,8 @@ void receiveLoop(size_t port, std::string name)
     runtime::nameThread(name.substr(0, 15).c_str());
     Ports& p = ports();
     PortSock& ps = p.socks[port];
-    // Sized once for the largest frame: receiving never allocates.
-    std::vector<uint8_t> buf(core::kMaxFrame);
-    alignas(struct cmsghdr) uint8_t control[CMSG_SPACE(sizeof(struct tpacket_auxdata))];
+    // Sized once for the largest frames: receiving never allocates.
+    std::unique_ptr<RxBatch> batch(new RxBatch);
     int idle = 0;
     bool gone = false;  // closed here because its interface went
     while (!p.stopping.load()) {
@@ -223,46 +236,33 @@ void receiveLoop(size_t port, std::string name)
         if (r <= 0 || failed)
             continue;
         idle = 0;
-        // A burst is taken at once, without a poll per frame.
-        for (int burst = 0; burst < 64 && !p.stopping.load(); ++burst) {
-            if (!receiveOne(fd, port, buf, control, sizeof control))
+        // A burst is taken at once, without a poll per batch.
+        for (int round = 0; round < 8 && !p.stopping.load(); ++round) {
+            if (receiveBatch(fd, port, *batch) < (int)kBatch)
                 break;
         }
     }
 }
 
-// False when nothing was waiting.
-bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control, size_t controlLen)
+// One received frame (n bytes with the offload header) to the core.
+void receiveOne(size_t port, const uint8_t* buf, size_t n, const struct virtio_net_hdr& vh,
+                const struct msghdr& msg, const struct sockaddr_ll& from)
 {
-    struct sockaddr_ll from;
-    struct virtio_net_hdr vh;
-    struct iovec iov[2] = {{&vh, sizeof vh}, {buf.data(), buf.size()}};
-    struct msghdr msg;
-    memset(&msg, 0, sizeof msg);
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof from;
-    msg.msg_iov = iov;
-    msg.msg_iovlen = 2;
-    msg.msg_control = control;
-    msg.msg_controllen = controlLen;
-    ssize_t n = recvmsg(fd, &msg, MSG_DONTWAIT);
-    if (n <= 0)
-        return false;
     // Our own transmissions, where the kernel still shows them.
     if (from.sll_pkttype == PACKET_OUTGOING)
-        return true;
+        return;
     if (msg.msg_flags & MSG_TRUNC) {
         core::discard(port, "larger than the receive buffer");
-        return true;
+        return;
     }
-    if ((size_t)n < sizeof vh) {
+    if (n < sizeof vh) {
         core::discard(port, "no offload header");
-        return true;
+        return;
     }
-    size_t len = (size_t)n - sizeof vh;
+    size_t len = n - sizeof vh;
     int32_t tci = -1;
     uint16_t tpid = 0x8100;
-    for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+    for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(const_cast<struct msghdr*>(&msg), c)) {
         if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA)
             continue;
         struct tpacket_auxdata aux;
@@ -288,8 +288,29 @@ bool receiveOne(int fd, size_t port, std::vector<uint8_t>& buf, uint8_t* control
     off.gsoSize = vh.gso_size;
     off.hdrLen = vh.hdr_len;
     bool any = off.needsCsum || off.gsoType != VIRTIO_NET_HDR_GSO_NONE;
-    core::receive(port, buf.data(), len, tci, tpid, any ? &off : nullptr);
-    return true;
+    core::receive(port, const_cast<uint8_t*>(buf), len, tci, tpid, any ? &off : nullptr);
+}
+
+// Takes what the socket holds, at most kBatch frames; their number.
+int receiveBatch(int fd, size_t port, RxBatch& b)
+{
+    for (unsigned i = 0; i < kBatch; ++i) {
+        b.iov[i][0] = {&b.vh[i], sizeof b.vh[i]};
+        b.iov[i][1] = {b.bufs.get() + (size_t)i * core::kMaxFrame, core::kMaxFrame};
+        struct msghdr& m = b.msgs[i].msg_hdr;
+        memset(&m, 0, sizeof m);
+        m.msg_name = &b.from[i];
+        m.msg_namelen = sizeof b.from[i];
+        m.msg_iov = b.iov[i];
+        m.msg_iovlen = 2;
+        m.msg_control = b.control[i];
+        m.msg_controllen = sizeof b.control[i];
+    }
+    int n = recvmmsg(fd, b.msgs, kBatch, MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < n; ++i)
+        receiveOne(port, b.bufs.get() + (size_t)i * core::kMaxFrame, b.msgs[i].msg_len, b.vh[i],
+                   b.msgs[i].msg_hdr, b.from[i]);
+    return n < 0 ? 0 : n;
 }
 
 void agingLoop()

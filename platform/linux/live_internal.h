@@ -57,7 +57,7 @@ void receive(size_t port, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t 
              const Offload* off = nullptr);
 // A frame of the port that never reached the core (larger than the receive
 // buffer, ...): counted as received and discarded for the reason.
-void discard(size_t port, const char* reason);
+void discard(size_t port, const char* reason, uint64_t count = 1);
 // The reason counted for a failed send with this errno.
 std::string sendFailure(int err);
 // Removes the FDB entries not seen for the aging time.
@@ -122,6 +122,16 @@ bool queueIdle(const char* name);
 bool queueDepth(const char* name, uint32_t* waiting, uint32_t* capacity);
 // Posts one record to the named queue without waiting; false when full.
 bool postByName(const char* name, const void* record, uint32_t size);
+// The data plane's receive, run by the module's main task while its queue
+// is empty: waits at most timeoutMs (-1: without limit) for its sockets or
+// for wakeFd (an eventfd other senders to the queue write; the pump reads
+// it), and posts what the sockets hold to the queue. Returns after a round
+// with the number of frames it guesses are still waiting in the sockets
+// (counted in the main task's backlog, see logging::startMainRecord).
+using Pump = uint32_t (*)(int wakeFd, int timeoutMs);
+// Sets the pump, or with nullptr removes it and returns once no task is
+// inside it any more. False when the eventfd cannot be made.
+bool setMainPump(Pump pump);
 // Marks the switch application as started (isSwitchInited).
 
 }  // namespace runtime
@@ -163,6 +173,18 @@ constexpr uint32_t kEventPortReopened = 0x6CF00002u;
 // for naming the drop of the frame it works on.
 void setMainTask(bool on);
 bool onMainTask();
+// The main task at work for the data plane (its pump) between records:
+// nothing it logs there belongs to a record of the module.
+class MainTaskAside {
+public:
+    MainTaskAside();
+    ~MainTaskAside();
+    MainTaskAside(const MainTaskAside&) = delete;
+    MainTaskAside& operator=(const MainTaskAside&) = delete;
+
+private:
+    bool was_;
+};
 // The drop reason the main task's lines since the last call give; starts
 // the next frame's lines.
 std::string takeDropReason();

@@ -411,6 +411,9 @@ void setMainTask(bool on)
 }
 bool onMainTask() { return tMainTask; }
 
+MainTaskAside::MainTaskAside() : was_(tMainTask) { tMainTask = false; }
+MainTaskAside::~MainTaskAside() { tMainTask = was_; }
+
 const char* const kUnnamedDrop = "dropped, not named (the main task was behind)";
 
 std::string takeDropReason()

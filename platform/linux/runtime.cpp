@@ -1,6 +1,8 @@
 // The live platform's runtime: memory, mutexes, queues, tasks, sleep,
 // timers and the module's file paths, on POSIX threads.
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -70,6 +72,9 @@ struct Queue {
     pthread_t consumer{};
     bool hasConsumer = false;
     bool saveQueue = false;  // the module's binding-file save requests
+    bool mainQueue = false;  // the module's main queue
+    bool pumping = false;    // its consumer waits in the pump (see setMainPump)
+    pthread_t pumper{};
     std::mutex m;
     std::condition_variable notEmpty;
     std::condition_variable notFull;
@@ -90,6 +95,39 @@ Queue* queueOf(PalMsgQ q)
     return gQueueTable[(size_t)q - 1].load(std::memory_order_acquire);
 }
 
+// ---- the main queue's pump ----
+// While the main queue is empty its consumer may wait in the data plane's
+// pump (trap sockets and an eventfd) instead of on the queue: a trapped
+// frame then costs one wake-up, not one of a receive thread and another of
+// the main task. Other senders to the queue write the eventfd.
+struct PumpState {
+    std::mutex m;
+    std::condition_variable idle;
+    live::runtime::Pump pump = nullptr;
+    uint32_t users = 0;  // consumers inside the pump
+    int wakeFd = -1;
+};
+
+PumpState& pumpState()
+{
+    static PumpState* p = new PumpState;
+    return *p;
+}
+
+// The newest main queue: only its consumer pumps (an older module's task,
+// left waiting on its own queue, never does).
+std::atomic<Queue*> gMainQueue{nullptr};
+
+void kickPump()
+{
+    PumpState& ps = pumpState();
+    if (ps.wakeFd < 0)
+        return;
+    uint64_t one = 1;
+    while (write(ps.wakeFd, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
 // ---- wake-ups the main task owes ----
 // The module's main task posts to the queues of other tasks (an FDB
 // look-up for every frame, save requests). Waking such a task at once
@@ -103,6 +141,10 @@ thread_local size_t tOwedCount = 0;
 // that never waits (a lasting flood) still pays after this many, so a
 // save request is never held back for long.
 constexpr uint32_t kOwedRecordsMax = 32;
+// Frames the pump left in its sockets at its last round.
+thread_local uint32_t tPumpBacklog = 0;
+// Milliseconds the main task waits in its pump before it pays.
+constexpr int kOwedGraceMs = 1;
 thread_local uint32_t tOwedRecords = 0;
 
 bool oweWake(Queue* q)
@@ -141,6 +183,79 @@ bool waitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lk, int3
         return true;
     }
     return cv.wait_for(lk, std::chrono::milliseconds(wait), ready);
+}
+
+// Waits for a record of q (locked by lk) by the queue's wait rule. The
+// main queue's consumer waits in the pump while one is set.
+bool waitForRecord(Queue* q, std::unique_lock<std::mutex>& lk, int32_t wait)
+{
+    auto ready = [q] { return q->count > 0; };
+    if (ready())
+        return true;
+    // About to wait: the tasks this one posted to run now. In the pump the
+    // main task first waits a moment for the next frame (the answer to the
+    // one it sent on is often on its way): the look-ups it posted are not
+    // urgent, and a wake-up paid for several of them is cheaper.
+    auto pay = [&lk] {
+        lk.unlock();
+        payWakes();
+        lk.lock();
+    };
+    if (wait != 0 && tOwedCount > 0 && !q->mainQueue)
+        pay();
+    if (wait == 0 || !q->mainQueue)
+        return waitFor(q->notEmpty, lk, wait, ready);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait < 0 ? 0 : wait);
+    PumpState& ps = pumpState();
+    while (!ready()) {
+        int timeoutMs = -1;
+        if (wait > 0) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+                return false;
+            timeoutMs = (int)left.count();
+        }
+        live::runtime::Pump pump = nullptr;
+        if (gMainQueue.load(std::memory_order_acquire) == q) {
+            std::lock_guard<std::mutex> g(ps.m);
+            pump = ps.pump;
+            if (pump)
+                ++ps.users;
+        }
+        if (!pump) {
+            tPumpBacklog = 0;
+            if (tOwedCount > 0) {
+                pay();
+                continue;
+            }
+            // setMainPump notifies: a pump set meanwhile is taken up.
+            if (wait < 0)
+                q->notEmpty.wait(lk);
+            else
+                q->notEmpty.wait_until(lk, deadline);
+            continue;
+        }
+        bool owed = tOwedCount > 0;
+        if (owed && (timeoutMs < 0 || timeoutMs > kOwedGraceMs))
+            timeoutMs = kOwedGraceMs;
+        q->pumping = true;
+        q->pumper = pthread_self();
+        lk.unlock();
+        {
+            live::logging::MainTaskAside aside;
+            tPumpBacklog = pump(ps.wakeFd, timeoutMs);
+        }
+        lk.lock();
+        q->pumping = false;
+        {
+            std::lock_guard<std::mutex> g(ps.m);
+            --ps.users;
+        }
+        ps.idle.notify_all();
+        if (owed && !ready())
+            pay();
+    }
+    return true;
 }
 
 // ---- timers ----
@@ -405,6 +520,7 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
         return 0;
     q->name = name ? name : "";
     q->saveQueue = q->name == DHCP_SNOOP_SAVE_QUEUE_NAME;
+    q->mainQueue = q->name == DHCP_SNOOP_QUEUE_NAME;
     q->depth = depth;
     q->recordSize = recordSize;
     q->ring.assign((size_t)depth * recordSize, 0);
@@ -416,6 +532,8 @@ PalMsgQ pal_msgQ_create(const char* name, uint32_t depth, uint32_t recordSize, u
     }
     gQueueTable[n].store(q, std::memory_order_release);
     gQueueCount.store(n + 1, std::memory_order_release);
+    if (q->mainQueue)
+        gMainQueue.store(q, std::memory_order_release);
     return (PalMsgQ)(n + 1);
 }
 
@@ -440,7 +558,11 @@ int32_t pal_msgQ_send(PalMsgQ handle, const void* buffer, uint32_t size, int32_t
     memset(rec + size, 0, q->recordSize - size);
     ++q->count;
     bool wakeNow = q->count * 2 > q->depth || !(q->hasConsumer && !pthread_equal(q->consumer, pthread_self()));
+    // The pump's own frames need no kick: its thread is awake.
+    bool kick = q->pumping && !pthread_equal(q->pumper, pthread_self());
     lk.unlock();
+    if (kick)
+        kickPump();
     if (wakeNow || !oweWake(q))
         q->notEmpty.notify_one();
     return 0;
@@ -464,13 +586,7 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
         lk.lock();
     }
     q->consumerBusy = false;
-    if (q->count == 0 && wait != 0 && tOwedCount > 0) {
-        // About to wait: the tasks this one posted to run now.
-        lk.unlock();
-        payWakes();
-        lk.lock();
-    }
-    if (!waitFor(q->notEmpty, lk, wait, [q] { return q->count > 0; }))
+    if (!waitForRecord(q, lk, wait))
         return -1;
     const uint8_t* rec = &q->ring[(size_t)q->head * q->recordSize];
     if (n)
@@ -487,7 +603,7 @@ int32_t pal_msgQ_receive(PalMsgQ handle, void* buffer, uint32_t size, int32_t wa
         *word = 0;
     // The main task's lines from here on are about this record only.
     if (live::logging::onMainTask()) {
-        live::logging::startMainRecord(backlog);
+        live::logging::startMainRecord(backlog + (q->mainQueue ? tPumpBacklog : 0));
         live::monitor::mainRecord(buffer, n);
         if (tOwedCount > 0 && ++tOwedRecords >= kOwedRecordsMax)
             payWakes();
@@ -638,6 +754,31 @@ void consumerEnded(pthread_t self)
         if (q->hasConsumer && pthread_equal(q->consumer, self))
             q->consumerBusy = false;
     }
+}
+
+bool setMainPump(Pump pump)
+{
+    PumpState& ps = pumpState();
+    std::unique_lock<std::mutex> g(ps.m);
+    if (pump && ps.wakeFd < 0) {
+        // Made once, kept for the process: a sender may write it any time.
+        ps.wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (ps.wakeFd < 0)
+            return false;
+    }
+    ps.pump = pump;
+    if (!pump) {
+        // Out of the pump before the data plane closes what it polls.
+        kickPump();
+        ps.idle.wait(g, [&ps] { return ps.users == 0; });
+    }
+    g.unlock();
+    // A consumer waiting on its queue takes the pump up.
+    if (Queue* q = gMainQueue.load(std::memory_order_acquire)) {
+        { std::lock_guard<std::mutex> lk(q->m); }
+        q->notEmpty.notify_all();
+    }
+    return true;
 }
 
 bool postByName(const char* name, const void* record, uint32_t size)

@@ -695,20 +695,13 @@ TrapDrop dropOf(live::trap::Verdict v)
 // A trapped frame reaches the module's queue only past the port's policer
 // and within its share of the queue; what frames may not take is left for
 // the timer and configuration messages.
-void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid)
+// handle and untrusted: the port's, read by the caller under the lock.
+void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid, ::up handle, bool untrusted)
 {
     // An untrusted port's pending requests are counted in the module's
     // table, without the core's lock.
-    bool capPending = false;
+    bool capPending = untrusted;
     uint32_t pending = 0;
-    ::up handle = UP_INVALID;
-    {
-        Guard g(c.lock);
-        if (!c.up || rx >= c.ports.size())
-            return;
-        handle = c.ports[rx].cfg.handle;
-        capPending = !c.ports[rx].cfg.trust;
-    }
     if (capPending)
         capPending = live::trap::pendingRequestsOf(handle, &pending);
     std::string event;
@@ -1090,6 +1083,8 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
     uint8_t* f = frame;
     uint16_t vid = 0;
     bool dhcp = false;
+    ::up handle = UP_INVALID;
+    bool untrusted = false;
     Offload off;
     if (offIn)
         off = *offIn;
@@ -1145,6 +1140,8 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
         if (!tagged || vid == 0)
             vid = p.cfg.vlan;
         dhcp = isDhcp(f, len);
+        handle = p.cfg.handle;
+        untrusted = !p.cfg.trust;
         if (vid == 0 || !p.cfg.carries(vid)) {
             if (dhcp)
                 ++p.counters.dropped[vlanDropKey(p.counters.dropped, vid)];
@@ -1176,20 +1173,20 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
         }
     }
     if (dhcp) {
-        trap(c, rx, f, len, vid);
+        trap(c, rx, f, len, vid, handle, untrusted);
         return;
     }
     transmitAll(c, tx, out, f, len, offIn ? &off : nullptr);
 }
 
-void discard(size_t rx, const char* reason)
+void discard(size_t rx, const char* reason, uint64_t count)
 {
     Core& c = core();
     Guard g(c.lock);
-    if (!c.up || rx >= c.ports.size() || !reason)
+    if (!c.up || rx >= c.ports.size() || !reason || count == 0)
         return;
-    ++c.ports[rx].counters.rxFrames;
-    ++c.ports[rx].counters.discarded[reason];
+    c.ports[rx].counters.rxFrames += count;
+    c.ports[rx].counters.discarded[reason] += count;
 }
 
 std::string sendFailure(int err)
@@ -1246,6 +1243,8 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
     Core& c = core();
     uint8_t* f = frame;
     uint16_t vid = 0;
+    ::up handle = UP_INVALID;
+    bool untrusted = false;
     {
         Guard g(c.lock);
         if (!c.up || rx >= c.ports.size() || !frame)
@@ -1254,6 +1253,8 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
         ++p.counters.rxFrames;
         if (len < 14)
             return;
+        handle = p.cfg.handle;
+        untrusted = !p.cfg.trust;
         bool tagged = false;
         if (vlanTci >= 0) {
             tagged = true;
@@ -1274,7 +1275,7 @@ void trapOnly(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci)
             return;
         }
     }
-    trap(c, rx, f, len, vid);
+    trap(c, rx, f, len, vid, handle, untrusted);
 }
 
 }  // namespace core

@@ -1,6 +1,8 @@
 // The live runtime: queues, mutexes, timers, memory, tasks, file paths.
+#include <poll.h>
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -10,7 +12,9 @@
 #include <thread>
 
 #include "live_fixture.h"
+#include "platform/linux/live_internal.h"
 #include "platform/pal.h"
+#include "snooping/dhcpSnoop.h"
 
 namespace {
 
@@ -351,7 +355,6 @@ void countingTask(void* arg)
             ++c->taken;
 }
 
-}  // namespace
 
 TEST_F(Runtime, TheMainTasksPostsWakeTheirTaskWhenItWaitsOrTheQueueIsHalfFull)
 {
@@ -397,3 +400,105 @@ TEST_F(Runtime, TheMainTasksPostsWakeTheirTaskWhenItWaitsOrTheQueueIsHalfFull)
     main.join();
     EXPECT_EQ(step.load(), 1);
 }
+
+// A data plane's pump: a pipe stands for its sockets; a byte read from it
+// is posted to the main queue as a record, from the consumer's own thread.
+struct PumpRig {
+    int pipe[2] = {-1, -1};
+    PalMsgQ q = 0;
+    std::atomic<int> rounds{0};
+    std::atomic<bool> inside{false};
+    std::atomic<bool> mainTaskSeen{false};
+};
+PumpRig* gRig = nullptr;
+
+uint32_t rigPump(int wakeFd, int timeoutMs)
+{
+    PumpRig& r = *gRig;
+    r.inside = true;
+    ++r.rounds;
+    // Work for the data plane belongs to no record of the module.
+    if (live::logging::onMainTask())
+        r.mainTaskSeen = true;
+    struct pollfd fds[2] = {{r.pipe[0], POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    if (poll(fds, 2, timeoutMs) > 0) {
+        if (fds[1].revents & POLLIN) {
+            uint64_t v;
+            (void)!read(wakeFd, &v, sizeof v);
+        }
+        uint8_t b;
+        if ((fds[0].revents & POLLIN) && read(r.pipe[0], &b, 1) == 1) {
+            EXPECT_EQ(pal_msgQ_send(r.q, &b, 1, 0, 0), 0);
+        }
+    }
+    r.inside = false;
+    return 0;
+}
+
+TEST_F(Runtime, TheMainQueueWaitsInThePumpWhichOtherSendersWakeAndWhichCanBeTakenAway)
+{
+    static PumpRig rig;
+    gRig = &rig;
+    ASSERT_EQ(pipe(rig.pipe), 0);
+    // The newest main queue is the one that pumps.
+    rig.q = pal_msgQ_create(DHCP_SNOOP_QUEUE_NAME, 16, 1, 0);
+    ASSERT_GT(rig.q, 0);
+    ASSERT_TRUE(live::runtime::setMainPump(rigPump));
+    std::atomic<int> got{-1};
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::thread main([&] {
+        live::logging::setMainTask(true);
+        while (!stop.load()) {
+            uint8_t v = 0;
+            if (pal_msgQ_receive(rig.q, &v, 1, 200, nullptr) == 1) {
+                got = v;
+                ++taken;
+            }
+        }
+        live::logging::setMainTask(false);
+    });
+    ASSERT_TRUE(waitUntil([] { return gRig->inside.load(); })) << "an empty main queue waits in the pump";
+    uint8_t b = 7;
+    ASSERT_EQ(write(rig.pipe[1], &b, 1), 1);
+    EXPECT_TRUE(waitUntil([&] { return taken.load() == 1; })) << "what the pump posts is taken";
+    EXPECT_EQ(got.load(), 7);
+    EXPECT_FALSE(rig.mainTaskSeen.load()) << "the pump runs aside of the main task's records";
+
+    // Another sender wakes the pump through its eventfd, at once.
+    ASSERT_TRUE(waitUntil([] { return gRig->inside.load(); }));
+    auto t = Clock::now();
+    b = 9;
+    ASSERT_EQ(pal_msgQ_send(rig.q, &b, 1, 0, 0), 0);
+    EXPECT_TRUE(waitUntil([&] { return taken.load() == 2; }));
+    EXPECT_LT(msSince(t), 150) << "woken, not found at the end of its wait";
+    EXPECT_EQ(got.load(), 9);
+
+    // Taken away while the consumer is inside: returns once it is out, and
+    // the queue is waited on as any other.
+    ASSERT_TRUE(waitUntil([] { return gRig->inside.load(); }));
+    ASSERT_TRUE(live::runtime::setMainPump(nullptr));
+    int rounds = rig.rounds.load();
+    EXPECT_FALSE(rig.inside.load());
+    b = 11;
+    ASSERT_EQ(pal_msgQ_send(rig.q, &b, 1, 0, 0), 0);
+    EXPECT_TRUE(waitUntil([&] { return taken.load() == 3; }));
+    EXPECT_EQ(got.load(), 11);
+    b = 13;
+    ASSERT_EQ(write(rig.pipe[1], &b, 1), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(rig.rounds.load(), rounds) << "no pump any more";
+    EXPECT_EQ(taken.load(), 3);
+
+    // Set again: the waiting consumer takes it up.
+    ASSERT_TRUE(live::runtime::setMainPump(rigPump));
+    EXPECT_TRUE(waitUntil([&] { return taken.load() == 4; }));
+    EXPECT_EQ(got.load(), 13);
+    stop = true;
+    ASSERT_TRUE(live::runtime::setMainPump(nullptr));
+    main.join();
+    close(rig.pipe[0]);
+    close(rig.pipe[1]);
+}
+
+}  // namespace

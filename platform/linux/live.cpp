@@ -204,10 +204,9 @@ void receiveLoop(size_t port, std::string name)
             usleep(200 * 1000);
             if (!p.stopping.load() && reopenPort(ps)) {
                 gone = false;
-                logging::platformEvent(logging::kEventPortReopened,
-                                       "interface " + ps.interface + " of port " + ps.name +
-                                           " is back: port reopened",
-                                       false);
+                logging::addEvent(logging::kEventPortReopened, LOG_INFO,
+                                  "interface " + ps.interface + " of port " + ps.name + " is back: port reopened",
+                                  logging::Echo::Stderr);
             }
             continue;
         }
@@ -226,10 +225,10 @@ void receiveLoop(size_t port, std::string name)
             if (interfaceGone(ps)) {
                 closePort(ps);
                 gone = true;
-                logging::platformEvent(logging::kEventPortGone,
-                                       "interface " + ps.interface + " of port " + ps.name +
-                                           " is gone: the port is closed until it is back",
-                                       true);
+                logging::addEvent(logging::kEventPortGone, LOG_WARNING,
+                                  "interface " + ps.interface + " of port " + ps.name +
+                                      " is gone: the port is closed until it is back",
+                                  logging::Echo::Stderr);
                 continue;
             }
         }

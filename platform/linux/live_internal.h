@@ -2,6 +2,8 @@
 // hooks that live.cpp (sockets, threads) and the unit tests drive.
 #pragma once
 
+#include <syslog.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -155,18 +157,19 @@ void saveTaskEnded();
 
 namespace logging {
 
-// A system-log entry of the platform's own (kept for `events`, to syslog).
-void addEvent(uint32_t code, int priority, const std::string& text);
+// An event of the daemon's own, beside the module's system-log entries:
+// kept for `events`, to syslog(3) at priority (LOG_ERR, LOG_WARNING, ...)
+// when asked, and with Echo::Stderr also to standard error.
+enum class Echo { None, Stderr };
+void addEvent(uint32_t code, int priority, const std::string& text, Echo echo = Echo::None);
 
 // Marks the switch application as started (isSwitchInited).
 void setSwitchInited(bool on);
 // System-log entries: kept (at most eventsKept), and to syslog(3) when asked.
 void configure(bool useSyslog, uint32_t eventsKept);
 void clearEvents();
-// An event of the platform itself (a port's interface gone or back): kept
-// with the module's entries, to syslog when asked, and to standard error.
-void platformEvent(uint32_t code, const std::string& text, bool warning);
-// Its codes.
+// The codes of a port's interface gone or back (events to standard error
+// too).
 constexpr uint32_t kEventPortGone = 0x4CF00001u;
 constexpr uint32_t kEventPortReopened = 0x6CF00002u;
 // The calling thread is the module's main task: its debug lines are kept
@@ -200,10 +203,8 @@ constexpr uint32_t kNamingOffBacklog = 64;
 constexpr uint32_t kNamingOnBacklog = 16;
 extern const char* const kUnnamedDrop;
 
-// Events of the live platform itself, beside the module's system-log
-// entries: kept for `events` and sent to syslog(3) when asked.
-constexpr uint32_t kEventPendingRequests = 0x4C2F0001u;  // a port at its pending-request share
-void platformEvent(uint32_t code, const std::string& text);
+// The code of a port at its pending-request share.
+constexpr uint32_t kEventPendingRequests = 0x4C2F0001u;
 
 // Error lines to standard error with the operator's debug off: at most
 // `burst` a second, so that a flood of bad frames cannot flood the log.

@@ -110,8 +110,6 @@ void writeStderr(const char* text, size_t n, bool error)
     (void)w;
 }
 
-void storeEvent(uint32_t code, std::string text, int prio);
-
 uint64_t unixMs()
 {
     struct timeval tv;
@@ -295,37 +293,11 @@ uint32_t syslogAdd(uint32_t code, uintptr_t a1, uintptr_t a2, uintptr_t a3, uint
         snprintf(b, sizeof b, "system log code 0x%08X", (unsigned)code);
         text = b;
     }
-    storeEvent(code, std::move(text), prio);
+    live::logging::addEvent(code, prio, text);
     return 0;
 }
 
 }  // extern "C"
-
-namespace {
-
-void storeEvent(uint32_t code, std::string text, int prio)
-{
-    live::Event e;
-    e.unixMs = unixMs();
-    e.code = code;
-    e.text = std::move(text);
-    std::lock_guard<std::mutex> g(gEventsLock);
-    if (gUseSyslog) {
-        if (!gSyslogOpen) {
-            openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
-            gSyslogOpen = true;
-        }
-        syslog(prio, "%s", e.text.c_str());
-    }
-    if (gEventsKept > 0) {
-        auto& ring = eventRing();
-        while (ring.size() >= gEventsKept)
-            ring.pop_front();
-        ring.push_back(std::move(e));
-    }
-}
-
-}  // namespace
 
 namespace live {
 
@@ -342,8 +314,7 @@ namespace logging {
 
 void setSwitchInited(bool on) { gSwitchInited.store(on); }
 
-void platformEvent(uint32_t code, const std::string& text) { storeEvent(code, text, LOG_WARNING); }
-void addEvent(uint32_t code, int priority, const std::string& text)
+void addEvent(uint32_t code, int priority, const std::string& text, Echo echo)
 {
     live::Event e;
     e.unixMs = unixMs();
@@ -357,6 +328,8 @@ void addEvent(uint32_t code, int priority, const std::string& text)
         }
         syslog(priority, "%s", text.c_str());
     }
+    if (echo == Echo::Stderr)
+        fprintf(stderr, "dhcpsnoopd: %s\n", text.c_str());
     if (gEventsKept > 0) {
         auto& ring = eventRing();
         while (ring.size() >= gEventsKept)
@@ -373,29 +346,6 @@ void configure(bool useSyslog, uint32_t eventsKept)
     auto& ring = eventRing();
     while (ring.size() > gEventsKept)
         ring.pop_front();
-}
-
-void platformEvent(uint32_t code, const std::string& text, bool warning)
-{
-    live::Event e;
-    e.unixMs = unixMs();
-    e.code = code;
-    e.text = text;
-    std::lock_guard<std::mutex> g(gEventsLock);
-    if (gUseSyslog) {
-        if (!gSyslogOpen) {
-            openlog("dhcpsnoopd", LOG_PID, LOG_DAEMON);
-            gSyslogOpen = true;
-        }
-        syslog(warning ? LOG_WARNING : LOG_INFO, "%s", text.c_str());
-    }
-    fprintf(stderr, "dhcpsnoopd: %s\n", text.c_str());
-    if (gEventsKept > 0) {
-        auto& ring = eventRing();
-        while (ring.size() >= gEventsKept)
-            ring.pop_front();
-        ring.push_back(std::move(e));
-    }
 }
 
 void clearEvents()

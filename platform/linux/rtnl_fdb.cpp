@@ -1,5 +1,6 @@
 // The kernel bridge over rtnetlink with libmnl (see rtnl_fdb.h).
 #include "platform/linux/rtnl_fdb.h"
+#include "platform/linux/rtnl_common.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/if_bridge.h>
@@ -13,69 +14,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <vector>
 
 namespace live {
 namespace rtnl {
 namespace {
-
-using Attrs = std::vector<const struct nlattr*>;
-
-int collect(const struct nlattr* a, void* data)
-{
-    Attrs& t = *static_cast<Attrs*>(data);
-    uint16_t type = mnl_attr_get_type(a);
-    if (type < t.size())
-        t[type] = a;
-    return MNL_CB_OK;
-}
-
-struct Socket {
-    struct mnl_socket* nl = nullptr;
-    uint32_t portid = 0;
-    ~Socket()
-    {
-        if (nl)
-            mnl_socket_close(nl);
-    }
-    bool open(unsigned groups, std::string& error)
-    {
-        nl = mnl_socket_open(NETLINK_ROUTE);
-        if (!nl || mnl_socket_bind(nl, groups, MNL_SOCKET_AUTOPID) < 0) {
-            error = std::string("rtnetlink: ") + strerror(errno);
-            return false;
-        }
-        portid = mnl_socket_get_portid(nl);
-        return true;
-    }
-};
-
-// Sends one request and runs cb on every answer until the dump's end or the
-// acknowledgement. False with error on a netlink error.
-bool request(Socket& s, struct nlmsghdr* nlh, mnl_cb_t cb, void* data, std::string& error)
-{
-    uint32_t seq = nlh->nlmsg_seq = (uint32_t)time(nullptr) ^ (uint32_t)(uintptr_t)nlh;
-    if (mnl_socket_sendto(s.nl, nlh, nlh->nlmsg_len) < 0) {
-        error = std::string("rtnetlink send: ") + strerror(errno);
-        return false;
-    }
-    std::vector<char> buf(MNL_SOCKET_BUFFER_SIZE * 4);
-    for (;;) {
-        ssize_t n = mnl_socket_recvfrom(s.nl, buf.data(), buf.size());
-        if (n < 0) {
-            error = std::string("rtnetlink receive: ") + strerror(errno);
-            return false;
-        }
-        int r = mnl_cb_run(buf.data(), (size_t)n, seq, s.portid, cb, data);
-        if (r == MNL_CB_STOP)
-            return true;
-        if (r < 0) {
-            error = std::string("rtnetlink: ") + strerror(errno);
-            return false;
-        }
-    }
-}
 
 struct LinkQuery {
     Link* out;
@@ -85,21 +28,18 @@ int linkCb(const struct nlmsghdr* nlh, void* data)
 {
     Link& l = *static_cast<LinkQuery*>(data)->out;
     const struct ifinfomsg* ifm = static_cast<const struct ifinfomsg*>(mnl_nlmsg_get_payload(nlh));
-    Attrs tb(IFLA_MAX + 1, nullptr);
-    mnl_attr_parse(nlh, sizeof *ifm, collect, &tb);
+    Attrs tb = attributes(nlh, sizeof *ifm, IFLA_MAX);
     l.ifindex = ifm->ifi_index;
     if (tb[IFLA_IFNAME])
         l.name = mnl_attr_get_str(tb[IFLA_IFNAME]);
     if (tb[IFLA_MASTER])
         l.master = (int)mnl_attr_get_u32(tb[IFLA_MASTER]);
     if (tb[IFLA_LINKINFO]) {
-        Attrs info(IFLA_INFO_MAX + 1, nullptr);
-        mnl_attr_parse_nested(tb[IFLA_LINKINFO], collect, &info);
+        Attrs info = nestedAttributes(tb[IFLA_LINKINFO], IFLA_INFO_MAX);
         if (info[IFLA_INFO_KIND] && strcmp(mnl_attr_get_str(info[IFLA_INFO_KIND]), "bridge") == 0)
             l.isBridge = true;
         if (l.isBridge && info[IFLA_INFO_DATA]) {
-            Attrs br(IFLA_BR_MAX + 1, nullptr);
-            mnl_attr_parse_nested(info[IFLA_INFO_DATA], collect, &br);
+            Attrs br = nestedAttributes(info[IFLA_INFO_DATA], IFLA_BR_MAX);
             if (br[IFLA_BR_VLAN_FILTERING])
                 l.vlanFiltering = mnl_attr_get_u8(br[IFLA_BR_VLAN_FILTERING]) != 0;
         }
@@ -119,8 +59,7 @@ int vlanCb(const struct nlmsghdr* nlh, void* data)
     const struct ifinfomsg* ifm = static_cast<const struct ifinfomsg*>(mnl_nlmsg_get_payload(nlh));
     if (ifm->ifi_index != q.ifindex)
         return MNL_CB_OK;
-    Attrs tb(IFLA_MAX + 1, nullptr);
-    mnl_attr_parse(nlh, sizeof *ifm, collect, &tb);
+    Attrs tb = attributes(nlh, sizeof *ifm, IFLA_MAX);
     if (!tb[IFLA_AF_SPEC])
         return MNL_CB_OK;
     q.found = true;
@@ -161,8 +100,7 @@ bool parseNeigh(const struct nlmsghdr* nlh, int bridge, uint64_t* k, int* ifinde
     const struct ndmsg* ndm = static_cast<const struct ndmsg*>(mnl_nlmsg_get_payload(nlh));
     if (ndm->ndm_family != AF_BRIDGE)
         return false;
-    Attrs tb(NDA_MAX + 1, nullptr);
-    mnl_attr_parse(nlh, sizeof *ndm, collect, &tb);
+    Attrs tb = attributes(nlh, sizeof *ndm, NDA_MAX);
     if (!tb[NDA_LLADDR] || mnl_attr_get_payload_len(tb[NDA_LLADDR]) != 6)
         return false;
     // Entries of the bridge carry it as master; a device's own list does not.
@@ -204,18 +142,11 @@ bool getLink(const std::string& name, Link& out, std::string& error)
         error = "interface " + name + ": " + strerror(errno);
         return false;
     }
-    Socket s;
-    if (!s.open(0, error))
-        return false;
-    char buf[MNL_SOCKET_BUFFER_SIZE];
-    struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-    nlh->nlmsg_type = RTM_GETLINK;
-    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    struct ifinfomsg* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof *ifm));
-    ifm->ifi_family = AF_UNSPEC;
-    ifm->ifi_index = (int)idx;
+    Request<struct ifinfomsg> r(RTM_GETLINK, NLM_F_REQUEST | NLM_F_ACK);
+    r.hdr->ifi_family = AF_UNSPEC;
+    r.hdr->ifi_index = (int)idx;
     LinkQuery q{&out};
-    if (!request(s, nlh, linkCb, &q, error)) {
+    if (!request(r.nlh, linkCb, &q, error)) {
         error = "interface " + name + ": " + error;
         return false;
     }
@@ -229,20 +160,11 @@ bool getLink(const std::string& name, Link& out, std::string& error)
 bool getPortVlans(int ifindex, PortVlans& out, std::string& error)
 {
     out = PortVlans();
-    Socket s;
-    if (!s.open(0, error))
-        return false;
-    char buf[MNL_SOCKET_BUFFER_SIZE];
-    struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-    nlh->nlmsg_type = RTM_GETLINK;
-    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    struct ifinfomsg* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof *ifm));
-    ifm->ifi_family = AF_BRIDGE;
-    mnl_attr_put_u32(nlh, IFLA_EXT_MASK, RTEXT_FILTER_BRVLAN);
+    Request<struct ifinfomsg> r(RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP);
+    r.hdr->ifi_family = AF_BRIDGE;
+    mnl_attr_put_u32(r.nlh, IFLA_EXT_MASK, RTEXT_FILTER_BRVLAN);
     VlanQuery q{ifindex, &out};
-    if (!request(s, nlh, vlanCb, &q, error))
-        return false;
-    return true;
+    return request(r.nlh, vlanCb, &q, error);
 }
 
 bool queryFdb(int bridge, const uint8_t mac[6], uint16_t vid, int* portIfindex)
@@ -252,19 +174,15 @@ bool queryFdb(int bridge, const uint8_t mac[6], uint16_t vid, int* portIfindex)
     std::string error;
     if (!s.nl && !s.open(0, error))
         return false;
-    char buf[MNL_SOCKET_BUFFER_SIZE];
-    struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-    nlh->nlmsg_type = RTM_GETNEIGH;
-    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    struct ndmsg* ndm = static_cast<struct ndmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof *ndm));
-    ndm->ndm_family = AF_BRIDGE;
-    mnl_attr_put(nlh, NDA_LLADDR, 6, mac);
-    mnl_attr_put_u32(nlh, NDA_MASTER, (uint32_t)bridge);
+    Request<struct ndmsg> r(RTM_GETNEIGH, NLM_F_REQUEST | NLM_F_ACK);
+    r.hdr->ndm_family = AF_BRIDGE;
+    mnl_attr_put(r.nlh, NDA_LLADDR, 6, mac);
+    mnl_attr_put_u32(r.nlh, NDA_MASTER, (uint32_t)bridge);
     if (vid != 0)
-        mnl_attr_put_u16(nlh, NDA_VLAN, vid);
+        mnl_attr_put_u16(r.nlh, NDA_VLAN, vid);
     FdbAnswer a{bridge};
     // No entry is an error answer (ENOENT): not found.
-    if (!request(s, nlh, fdbGetCb, &a, error) || !a.found)
+    if (!request(s, r.nlh, fdbGetCb, &a, error) || !a.found)
         return false;
     *portIfindex = a.ifindex;
     return true;
@@ -349,19 +267,12 @@ int dumpCb(const struct nlmsghdr* nlh, void* data)
 
 bool FdbMirror::dump(std::string& error)
 {
-    Socket s;
-    if (!s.open(0, error))
-        return false;
-    char buf[MNL_SOCKET_BUFFER_SIZE];
-    struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf);
-    nlh->nlmsg_type = RTM_GETNEIGH;
-    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    struct ndmsg* ndm = static_cast<struct ndmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof *ndm));
-    ndm->ndm_family = AF_BRIDGE;
-    mnl_attr_put_u32(nlh, NDA_MASTER, (uint32_t)bridge_);
+    Request<struct ndmsg> r(RTM_GETNEIGH, NLM_F_REQUEST | NLM_F_DUMP);
+    r.hdr->ndm_family = AF_BRIDGE;
+    mnl_attr_put_u32(r.nlh, NDA_MASTER, (uint32_t)bridge_);
     std::unordered_map<uint64_t, int> fresh;
     DumpState d{bridge_, &fresh};
-    if (!request(s, nlh, dumpCb, &d, error))
+    if (!request(r.nlh, dumpCb, &d, error))
         return false;
     std::lock_guard<std::mutex> g(lock_);
     entries_.swap(fresh);

@@ -1,7 +1,7 @@
 // The host's veth pair over rtnetlink with libmnl (see rtnl_link.h).
 #include "platform/linux/rtnl_link.h"
+#include "platform/linux/rtnl_common.h"
 
-#include <libmnl/libmnl.h>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
@@ -11,64 +11,38 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 namespace live {
 namespace rtnl {
 namespace {
 
-// Room for every message here: a few attributes each.
-constexpr size_t kRoom = 512;
-
-struct Builder {
-    alignas(struct nlmsghdr) uint8_t buf[kRoom];
-    struct nlmsghdr* nlh;
-    struct ifinfomsg* ifm;
-
+// A link request: every change is acknowledged, so a refusal is seen.
+struct Builder : Request<struct ifinfomsg> {
     Builder(uint16_t type, uint16_t flags, uint8_t family, int ifindex)
+        : Request(type, (uint16_t)(NLM_F_REQUEST | NLM_F_ACK | flags))
     {
-        memset(buf, 0, sizeof buf);
-        nlh = mnl_nlmsg_put_header(buf);
-        nlh->nlmsg_type = type;
-        nlh->nlmsg_flags = (uint16_t)(NLM_F_REQUEST | NLM_F_ACK | flags);
-        ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof *ifm));
-        ifm->ifi_family = family;
-        ifm->ifi_index = ifindex;
+        hdr->ifi_family = family;
+        hdr->ifi_index = ifindex;
     }
     Message done() const { return Message(buf, buf + nlh->nlmsg_len); }
 };
 
 bool send(const Message& m, bool missingIsFine, std::string& error)
 {
-    struct mnl_socket* nl = mnl_socket_open(NETLINK_ROUTE);
-    if (!nl || mnl_socket_bind(nl, 0, MNL_SOCKET_AUTOPID) < 0) {
-        error = std::string("rtnetlink: ") + strerror(errno);
-        if (nl)
-            mnl_socket_close(nl);
+    Message copy(m);
+    std::string e;
+    int refused = 0;
+    if (request(reinterpret_cast<struct nlmsghdr*>(copy.data()), nullptr, nullptr, e, &refused))
+        return true;
+    if (refused == 0) {
+        error = e;
         return false;
     }
-    Message copy(m);
-    struct nlmsghdr* nlh = reinterpret_cast<struct nlmsghdr*>(copy.data());
-    uint32_t seq = nlh->nlmsg_seq = (uint32_t)time(nullptr);
-    uint32_t portid = mnl_socket_get_portid(nl);
-    bool ok = false;
-    if (mnl_socket_sendto(nl, copy.data(), copy.size()) < 0) {
-        error = std::string("rtnetlink send: ") + strerror(errno);
-    } else {
-        std::vector<char> buf(MNL_SOCKET_BUFFER_SIZE);
-        ssize_t n = mnl_socket_recvfrom(nl, buf.data(), buf.size());
-        if (n < 0) {
-            error = std::string("rtnetlink receive: ") + strerror(errno);
-        } else if (mnl_cb_run(buf.data(), (size_t)n, seq, portid, nullptr, nullptr) >= 0) {
-            ok = true;
-        } else if (missingIsFine && (errno == ENODEV || errno == ENOENT)) {
-            ok = true;
-        } else {
-            error = strerror(errno);
-        }
-    }
-    mnl_socket_close(nl);
-    return ok;
+    if (missingIsFine && (refused == ENODEV || refused == ENOENT))
+        return true;
+    // The kernel's refusal as it is: the caller says what was refused.
+    error = strerror(refused);
+    return false;
 }
 
 }  // namespace
@@ -120,8 +94,8 @@ Message noIpv6AddressMessage(int ifindex)
 Message upMessage(int ifindex)
 {
     Builder b(RTM_SETLINK, 0, AF_UNSPEC, ifindex);
-    b.ifm->ifi_flags = IFF_UP;
-    b.ifm->ifi_change = IFF_UP;
+    b.hdr->ifi_flags = IFF_UP;
+    b.hdr->ifi_change = IFF_UP;
     return b.done();
 }
 

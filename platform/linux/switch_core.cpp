@@ -764,7 +764,7 @@ void trap(Core& c, size_t rx, const uint8_t* f, size_t len, uint16_t vid, ::up h
         }
     }
     if (!event.empty()) {
-        live::logging::platformEvent(live::logging::kEventPendingRequests, event);
+        live::logging::addEvent(live::logging::kEventPendingRequests, LOG_WARNING, event);
         return;
     }
     uint32_t rv = dhcpSnoopSendMsgToMainQueue(&msg, 0);

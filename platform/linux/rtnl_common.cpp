@@ -33,6 +33,10 @@ bool Socket::open(unsigned groups, std::string& error)
     nl = mnl_socket_open(NETLINK_ROUTE);
     if (!nl || mnl_socket_bind(nl, groups, MNL_SOCKET_AUTOPID) < 0) {
         error = std::string("rtnetlink: ") + strerror(errno);
+        // Not kept half made: a later open starts again.
+        if (nl)
+            mnl_socket_close(nl);
+        nl = nullptr;
         return false;
     }
     portid = mnl_socket_get_portid(nl);

@@ -471,6 +471,8 @@ bool installTable(State& s, const swcfg::SwitchConfig& cfg, std::string& error)
     return s.nft.run(nft::tableText(rulesetOf(cfg, s), elements), nullptr, error);
 }
 
+constexpr size_t kGuardBatch = 256;
+
 void guardLoop()
 {
     State& s = state();
@@ -484,10 +486,13 @@ void guardLoop()
         q.wake.wait(lk, [&] { return q.stopping || !q.pending.empty(); });
         if (q.pending.empty() && q.stopping)
             return;
-        // One transaction for everything waiting, in order; an element is
-        // added by its first entry and deleted with its last.
+        // One transaction for what is waiting, in order, at most
+        // kGuardBatch changes: libnftables' memory grows with the size of
+        // a transaction, and a worker that fell behind under load would
+        // otherwise take them all at once. An element is added by its
+        // first entry and deleted with its last.
         std::string text;
-        while (!q.pending.empty()) {
+        for (size_t taken = 0; !q.pending.empty() && taken < kGuardBatch; ++taken) {
             auto op = q.pending.front();
             q.pending.pop_front();
             uint32_t& n = q.installed[op.second];

@@ -31,6 +31,7 @@
 #include <thread>
 
 #include "platform/linux/live_internal.h"
+#include "platform/linux/nflog.h"
 #include "platform/linux/nft_rules.h"
 #include "platform/linux/nft_table.h"
 #include "platform/linux/rtnl_fdb.h"
@@ -46,10 +47,18 @@ struct PortIo {
     std::string ifname;
     int ifindex = 0;
     bool host = false;  // the bridge device itself
+    // What the port traps: a member port's DHCP comes from its nftables log
+    // group; the host's from an AF_PACKET socket on the bridge device.
     std::atomic<int> fd{-1};
-    // The host's port sends into its veth pair: what is sent on the bridge
-    // device leaves through the bridge's ports instead of reaching the host.
+    bool logged = false;
+    // The sending socket: bound to the member port's interface (protocol 0,
+    // so it sees no frame), or for the host the daemon's end of its veth
+    // pair (what is sent on the bridge device would reach the host instead).
     std::atomic<int> txFd{-1};
+    // The log group's next sequence number: a gap is frames the kernel
+    // could not queue. Only the thread that receives touches it.
+    bool seqKnown = false;
+    uint32_t nextSeq = 0;
 };
 
 // Source-guard changes wait here for the worker, which hands them to
@@ -122,7 +131,7 @@ int transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid, cons
     if (port >= s.ports.size() || len < 12)
         return EINVAL;
     const PortIo& p = *s.ports[port];
-    int fd = p.host ? p.txFd.load() : p.fd.load();
+    int fd = p.txFd.load();
     if (fd < 0)
         return EBADF;
     uint8_t tag[4] = {0x81, 0x00, (uint8_t)((tagVid >> 8) & 0x0F), (uint8_t)tagVid};
@@ -147,49 +156,17 @@ int transmit(size_t port, const uint8_t* frame, size_t len, int32_t tagVid, cons
     return (size_t)w == want ? 0 : EMSGSIZE;
 }
 
-uint16_t rd16(const uint8_t* p) { return (uint16_t)(((uint32_t)p[0] << 8) | p[1]); }
-
-// The host's own DHCP (the bridge device's port) leaves before its UDP
-// checksum is computed: the module's copy must carry it.
-void completeUdpChecksum(uint8_t* f, size_t len)
-{
-    size_t ip = 14;
-    if (len >= 18 && rd16(f + 12) == 0x8100)
-        ip = 18;
-    if (len < ip + 20 || rd16(f + ip - 2) != 0x0800 || (f[ip] >> 4) != 4 || f[ip + 9] != 17)
-        return;
-    size_t ihl = (size_t)(f[ip] & 0x0F) * 4;
-    size_t total = rd16(f + ip + 2);
-    if (ihl < 20 || total < ihl + 8 || ip + total > len || (rd16(f + ip + 6) & 0x3FFF) != 0)
-        return;
-    size_t l4 = ip + ihl, l4len = total - ihl;
-    f[l4 + 6] = 0;
-    f[l4 + 7] = 0;
-    uint32_t sum = 0;
-    for (size_t i = 0; i < 8; i += 2)
-        sum += rd16(f + ip + 12 + i);
-    sum += 17u + (uint32_t)l4len;
-    for (size_t i = 0; i + 1 < l4len; i += 2)
-        sum += rd16(f + l4 + i);
-    if (l4len & 1u)
-        sum += (uint32_t)f[l4 + l4len - 1] << 8;
-    while (sum >> 16)
-        sum = (sum & 0xFFFFu) + (sum >> 16);
-    uint16_t c = (uint16_t)~sum;
-    if (c == 0)
-        c = 0xFFFF;
-    f[l4 + 6] = (uint8_t)(c >> 8);
-    f[l4 + 7] = (uint8_t)c;
-}
-
 // Frames a trap socket gives at once (recvmmsg): one system call for a
 // burst instead of one a frame.
 constexpr unsigned kBatch = 32;
 constexpr size_t kTrapBuffer = core::kPoolBufferSize + 64;
+// A log message: the frame and the message's own headers and attributes.
+constexpr size_t kRxBuffer = kTrapBuffer + 512;
 constexpr uint32_t kNamingBacklog = logging::kNamingOffBacklog;
 
 struct RxBatch {
-    std::unique_ptr<uint8_t[]> bufs{new uint8_t[kBatch * kTrapBuffer]};
+    std::unique_ptr<uint8_t[]> bufs{new uint8_t[kBatch * kRxBuffer]};
+    uint8_t frame[kTrapBuffer];  // a logged frame put together
     struct mmsghdr msgs[kBatch];
     struct iovec iov[kBatch];
     struct sockaddr_ll from[kBatch];
@@ -221,8 +198,42 @@ void trapFrame(size_t port, const PortIo& p, uint8_t* frame, size_t n, const str
             csumNotReady = true;
     }
     if (csumNotReady || p.host)
-        completeUdpChecksum(frame, n);
+        nflog::completeUdpChecksum(frame, n);
     core::trapOnly(port, frame, n, tci);
+}
+
+// The log group's frames of one message to the core.
+struct LoggedTo {
+    size_t port;
+    PortIo* p;
+    RxBatch* b;
+};
+
+void loggedFrame(const nflog::Packet& pk, void* arg)
+{
+    LoggedTo& to = *static_cast<LoggedTo*>(arg);
+    if (pk.hasSeq) {
+        if (to.p->seqKnown && pk.seq != to.p->nextSeq)
+            core::discard(to.port, "trap socket full", (uint64_t)(uint32_t)(pk.seq - to.p->nextSeq));
+        to.p->seqKnown = true;
+        to.p->nextSeq = pk.seq + 1;
+    }
+    size_t n = nflog::frameOf(pk, to.b->frame, sizeof to.b->frame);
+    if (n == 0)
+        return;  // too long for the packet pool (as a cut frame of a trap socket), or no link header
+    // A frame a local stack sent keeps the sum of its addresses only where
+    // the UDP checksum goes (offloaded): completed as the sender's device would.
+    nflog::completePartialUdpChecksum(to.b->frame, n);
+    core::trapOnly(to.port, to.b->frame, n, pk.tci);
+}
+
+void loggedFrames(size_t port, const uint8_t* data, size_t len, const struct msghdr& msg, RxBatch& b)
+{
+    State& s = state();
+    if (msg.msg_flags & MSG_TRUNC)
+        return;  // more than a frame the packet pool takes
+    LoggedTo to{port, s.ports[port].get(), &b};
+    nflog::parse(data, len, loggedFrame, &to);
 }
 
 // Takes what the port's socket holds, at most kBatch frames; their number.
@@ -231,7 +242,8 @@ int receiveBatch(size_t port, int fd, RxBatch& b)
     State& s = state();
     const PortIo& p = *s.ports[port];
     for (unsigned i = 0; i < kBatch; ++i) {
-        b.iov[i] = {b.bufs.get() + i * kTrapBuffer, kTrapBuffer};
+        // A trap socket's frame longer than kTrapBuffer is cut (MSG_TRUNC).
+        b.iov[i] = {b.bufs.get() + i * kRxBuffer, p.logged ? kRxBuffer : kTrapBuffer};
         struct msghdr& m = b.msgs[i].msg_hdr;
         memset(&m, 0, sizeof m);
         m.msg_name = &b.from[i];
@@ -242,10 +254,15 @@ int receiveBatch(size_t port, int fd, RxBatch& b)
         m.msg_controllen = sizeof b.control[i];
     }
     int n = recvmmsg(fd, b.msgs, kBatch, MSG_DONTWAIT, nullptr);
-    for (int i = 0; i < n; ++i)
-        if (b.msgs[i].msg_len > 0)
-            trapFrame(port, p, b.bufs.get() + (size_t)i * kTrapBuffer, b.msgs[i].msg_len, b.msgs[i].msg_hdr,
-                      b.from[i]);
+    for (int i = 0; i < n; ++i) {
+        if (b.msgs[i].msg_len == 0)
+            continue;
+        uint8_t* data = b.bufs.get() + (size_t)i * kRxBuffer;
+        if (p.logged)
+            loggedFrames(port, data, b.msgs[i].msg_len, b.msgs[i].msg_hdr, b);
+        else
+            trapFrame(port, p, data, b.msgs[i].msg_len, b.msgs[i].msg_hdr, b.from[i]);
+    }
     return n < 0 ? 0 : n;
 }
 
@@ -253,6 +270,8 @@ int receiveBatch(size_t port, int fd, RxBatch& b)
 // counted on their port; read (and reset) at most once a second.
 void countSocketDrops(size_t port, int fd)
 {
+    if (state().ports[port]->logged)
+        return;  // counted by the log's sequence numbers
     struct tpacket_stats st;
     socklen_t len = sizeof st;
     if (getsockopt(fd, SOL_PACKET, PACKET_STATISTICS, &st, &len) == 0 && st.tp_drops > 0)
@@ -353,6 +372,47 @@ uint32_t pumpTraps(int wakeFd, int timeoutMs)
     return waiting;
 }
 
+// A member port's sending socket: protocol 0, so no frame is ever queued
+// on it and the port's frames pass no tap.
+bool openPortTx(PortIo& p, std::string& error)
+{
+    int s = socket(AF_PACKET, SOCK_RAW, 0);
+    if (s < 0) {
+        if (errno == EPERM || errno == EACCES)
+            error = "opening AF_PACKET sockets needs CAP_NET_RAW (run as root)";
+        else
+            error = "interface " + p.ifname + " of port " + p.name + ": socket: " + strerror(errno);
+        return false;
+    }
+    struct sockaddr_ll sll;
+    memset(&sll, 0, sizeof sll);
+    sll.sll_family = AF_PACKET;
+    sll.sll_protocol = 0;
+    sll.sll_ifindex = p.ifindex;
+    if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
+        error = "interface " + p.ifname + " of port " + p.name + ": bind: " + strerror(errno);
+        close(s);
+        return false;
+    }
+    p.txFd.store(s);
+    return true;
+}
+
+// A member port's DHCP: its log group, bound before the table logs to it.
+bool openLog(PortIo& p, size_t index, std::string& error)
+{
+    int s = nflog::open(nflog::groupOf(index), (uint32_t)kTrapBuffer, error);
+    if (s < 0) {
+        error = "port " + p.name + ": " + error;
+        return false;
+    }
+    p.fd.store(s);
+    p.logged = true;
+    p.seqKnown = false;
+    return openPortTx(p, error);
+}
+
+// The host's DHCP: what it sends on the bridge device.
 bool openTrap(PortIo& p, std::string& error)
 {
     std::string where = "interface " + p.ifname + " of port " + p.name + ": ";
@@ -376,8 +436,6 @@ bool openTrap(PortIo& p, std::string& error)
         close(s);
         return false;
     }
-    if (!p.host)
-        (void)setsockopt(s, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
     struct sockaddr_ll sll;
     memset(&sll, 0, sizeof sll);
     sll.sll_family = AF_PACKET;
@@ -434,6 +492,8 @@ nft::Ruleset rulesetOf(const swcfg::SwitchConfig& cfg, const State& s)
         p.ifname = pc.interface;
         p.trusted = pc.trust;
         p.host = s.ports[i]->host;
+        if (!p.host)
+            p.logGroup = nflog::groupOf(i);
         for (uint16_t v : cfg.snoopingVlans)
             p.snooped = p.snooped || pc.carries(v);
         r.ports.push_back(p);
@@ -703,8 +763,9 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
         closeAll(s);
         removeHostPair(s);
     };
-    for (auto& p : s.ports) {
-        if (p->ifindex != 0 && !openTrap(*p, error)) {
+    for (size_t i = 0; i < s.ports.size(); ++i) {
+        PortIo* p = s.ports[i].get();
+        if (p->ifindex != 0 && !(p->host ? openTrap(*p, error) : openLog(*p, i, error))) {
             undo();
             return false;
         }

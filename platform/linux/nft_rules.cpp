@@ -62,15 +62,17 @@ void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
 {
     std::string count = " counter name \"" + counterName(p.index) + "\" drop\n";
     bool guard = !p.trusted && (r.ipFilter || r.arpDefend || r.dropIpv6);
+    // Logged to the daemon's group, the frame whole: the daemon's only copy.
+    std::string trap = p.logGroup >= 0 ? " log group " + std::to_string(p.logGroup) + " drop\n" : " drop\n";
     o << "\tchain " << chainName(p.index) << " {\n";
-    // DHCP goes to the daemon only (its socket sees the frame before the
-    // bridge): untagged or 802.1Q-tagged (the kernel takes the tag off
-    // before the hook). Dropped before the bridge learns from it.
-    o << "\t\tmeta protocol ip ip protocol udp udp dport 67-68 drop\n";
+    // DHCP goes to the daemon only: untagged or 802.1Q-tagged (the kernel
+    // takes the tag off before the hook). Dropped before the bridge learns
+    // from it.
+    o << "\t\tmeta protocol ip ip protocol udp udp dport 67-68" << trap;
     // The common case: IPv4 from a bound source. (An 802.1ad tag is off
     // the frame by now; a bound source gains nothing by one.)
     if (!p.trusted && r.ipFilter)
-        o << "\t\tmeta protocol ip iifname . ether saddr . ip saddr @" << kBoundSet << " accept\n";
+        o << "\t\tmeta protocol ip iif . ether saddr . ip saddr @" << kBoundSet << " accept\n";
     o << "\t\tether type <= 0x05dc jump " << llcChainName(p.index) << "\n";
     if (guard) {
         // What would carry IPv4, ARP or IPv6 past the rules below.
@@ -89,20 +91,20 @@ void portChain(std::ostringstream& o, const Ruleset& r, const Port& p)
         // A probe claims no address: a client checks the address its ACK
         // gave it, so a probe passes only for the sender's own binding (one
         // for anyone else's could only make that client give up its lease).
-        o << "\t\tmeta protocol arp arp saddr ip 0.0.0.0 iifname . ether saddr . arp daddr ip @" << kBoundSet
-          << " iifname . arp saddr ether . arp daddr ip @" << kBoundSet << " accept\n";
+        o << "\t\tmeta protocol arp arp saddr ip 0.0.0.0 iif . ether saddr . arp daddr ip @" << kBoundSet
+          << " iif . arp saddr ether . arp daddr ip @" << kBoundSet << " accept\n";
         // The sender MAC must be the frame's source too: both are looked up.
-        o << "\t\tmeta protocol arp iifname . ether saddr . arp saddr ip @" << kBoundSet
-          << " iifname . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
+        o << "\t\tmeta protocol arp iif . ether saddr . arp saddr ip @" << kBoundSet
+          << " iif . arp saddr ether . arp saddr ip @" << kBoundSet << " accept\n";
         o << "\t\tmeta protocol arp" << count;
     }
     o << "\t}\n";
     // 802.3: DHCP in SNAP as the module takes it.
     o << "\tchain " << llcChainName(p.index) << " {\n";
-    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,8 0x45 @ll,248,8 17 @ll,352,16 { 67, 68 } drop\n";
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,8 0x45 @ll,248,8 17 @ll,352,16 { 67, 68 }" << trap;
     // With IP options the ports cannot be found at a fixed offset: hosts
-    // never send such frames, and one could hide DHCP.
-    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,4 4 @ll,180,4 != 5 @ll,248,8 17 drop\n";
+    // never send such frames, and one could hide DHCP. The module looks.
+    o << "\t\t" << kSnap << " @ll,160,16 0x0800 @ll,176,4 4 @ll,180,4 != 5 @ll,248,8 17" << trap;
     if (guard)
         o << "\t\t" << kSnap << " @ll,160,16 { 0x0800, 0x0806, 0x86dd }" << count;
     o << "\t}\n";
@@ -117,7 +119,7 @@ std::string tableText(const Ruleset& r, const std::vector<Element>& elements)
     o << "table bridge " << kTable << " {\n}\n";
     o << "delete table bridge " << kTable << "\n";
     o << "table bridge " << kTable << " {\n";
-    o << "\tset " << kBoundSet << " {\n\t\ttype ifname . ether_addr . ipv4_addr\n";
+    o << "\tset " << kBoundSet << " {\n\t\ttype iface_index . ether_addr . ipv4_addr\n";
     if (!elements.empty()) {
         o << "\t\telements = { ";
         for (size_t i = 0; i < elements.size(); ++i)
@@ -133,11 +135,20 @@ std::string tableText(const Ruleset& r, const std::vector<Element>& elements)
     // One look-up finds the port's chain, however many ports there are.
     o << "\tchain prerouting {\n\t\ttype filter hook prerouting priority -300; policy accept;\n";
     std::string map;
+    bool ipGuard = false;
     for (const Port& p : r.ports)
-        if (p.snooped && !p.host)
+        if (p.snooped && !p.host) {
             map += (map.empty() ? "" : ", ") + std::string("\"") + p.ifname + "\" : jump " + chainName(p.index);
+            ipGuard = ipGuard || (!p.trusted && r.ipFilter);
+        }
+    // Nearly every frame is IPv4 from a bound source: accepted here with
+    // one look-up, before the port's chain is even found. DHCP and what
+    // has no transport ports (fragments) go on to the port's chain. (Any
+    // protocol's ports 67-68 do: the chain looks closer.)
+    if (ipGuard)
+        o << "\t\tmeta protocol ip iif . ether saddr . ip saddr @" << kBoundSet << " th dport != 67-68 accept\n";
     if (!map.empty())
-        o << "\t\tiifname vmap { " << map << " }\n";
+        o << "\t\tiif vmap { " << map << " }\n";
     o << "\t}\n";
     bool host = false;
     for (const Port& p : r.ports)

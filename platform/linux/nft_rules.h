@@ -24,6 +24,7 @@ struct Port {
     bool trusted = false;
     bool snooped = false;   // carries a snooped VLAN
     bool host = false;      // the bridge device itself: what the host sends is trapped
+    int logGroup = -1;      // where its trapped DHCP goes to the daemon (nfnetlink_log), -1: none
 };
 
 struct Ruleset {

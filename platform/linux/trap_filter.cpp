@@ -16,47 +16,50 @@ std::vector<struct sock_filter> program()
     // indexes written beside each line.
     return {
         /* 0 */ stmt(BPF_LD | BPF_H | BPF_ABS, 12),
-        /* 1 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 2),    // else -> 4
+        /* 1 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 8),    // else -> 10
         // Untagged IPv4, nearly every frame a port receives: its protocol
-        // sits at a fixed place whatever the header's length, so all but
-        // UDP are refused here.
+        // and destination port are read in four loads (the header's length
+        // in one), and only a frame for port 67 or 68 is looked at closely.
         /* 2 */ stmt(BPF_LD | BPF_B | BPF_ABS, 23),
-        /* 3 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 8, 31),       // -> 12 (IPv4 at 14), else -> 35
-        /* 4 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x8100, 9, 0),    // -> 14 (tag in the frame)
-        /* 5 */ jump(BPF_JMP | BPF_JGT | BPF_K, 0x05DC, 29, 0),   // -> 35 reject: another type
+        /* 3 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 34),       // else -> 38
+        /* 4 */ stmt(BPF_LDX | BPF_B | BPF_MSH, 14),
+        /* 5 */ stmt(BPF_LD | BPF_H | BPF_IND, 16),
+        /* 6 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 67, 1, 0),        // -> 8
+        /* 7 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 68, 0, 30),       // else -> 38
+        /* 8 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 14),
+        /* 9 */ stmt(BPF_JMP | BPF_JA, 11),                        // -> 21
+        /* 10 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x8100, 7, 0),   // -> 18 (tag in the frame)
+        /* 11 */ jump(BPF_JMP | BPF_JGT | BPF_K, 0x05DC, 26, 0),  // -> 38 reject: another type
         // 802.3 with SNAP: AA AA 03, OUI 00 00 00, type 08 00.
-        /* 6 */ stmt(BPF_LD | BPF_W | BPF_ABS, 14),
-        /* 7 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0xAAAA0300, 0, 27),  // else -> 35
-        /* 8 */ stmt(BPF_LD | BPF_W | BPF_ABS, 18),
-        /* 9 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x00000800, 0, 25),  // else -> 35
-        /* 10 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 22),
-        /* 11 */ stmt(BPF_JMP | BPF_JA, 6),                         // -> 18
-        /* 12 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 14),
-        /* 13 */ stmt(BPF_JMP | BPF_JA, 4),                         // -> 18
-        /* 14 */ stmt(BPF_LD | BPF_H | BPF_ABS, 16),
-        /* 15 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 19),    // else -> 35
-        /* 16 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 18),
-        /* 17 */ stmt(BPF_JMP | BPF_JA, 0),                         // -> 18
+        /* 12 */ stmt(BPF_LD | BPF_W | BPF_ABS, 14),
+        /* 13 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0xAAAA0300, 0, 24),  // else -> 38
+        /* 14 */ stmt(BPF_LD | BPF_W | BPF_ABS, 18),
+        /* 15 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x00000800, 0, 22),  // else -> 38
+        /* 16 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 22),
+        /* 17 */ stmt(BPF_JMP | BPF_JA, 3),                         // -> 21
+        /* 18 */ stmt(BPF_LD | BPF_H | BPF_ABS, 16),
+        /* 19 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 18),    // else -> 38
+        /* 20 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 18),
         // X: where the IPv4 header starts. Version 4, header 20 bytes or more.
-        /* 18 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
-        /* 19 */ stmt(BPF_ALU | BPF_RSH | BPF_K, 4),
-        /* 20 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 4, 0, 14),         // else -> 35
-        /* 21 */ stmt(BPF_LD | BPF_B | BPF_IND, 9),
-        /* 22 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 12),        // UDP, else -> 35
+        /* 21 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
+        /* 22 */ stmt(BPF_ALU | BPF_RSH | BPF_K, 4),
+        /* 23 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 4, 0, 14),         // else -> 38
+        /* 24 */ stmt(BPF_LD | BPF_B | BPF_IND, 9),
+        /* 25 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 12),        // UDP, else -> 38
         // A later fragment has no UDP header.
-        /* 23 */ stmt(BPF_LD | BPF_H | BPF_IND, 6),
-        /* 24 */ jump(BPF_JMP | BPF_JSET | BPF_K, 0x1FFF, 10, 0),   // -> 35
-        /* 25 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
-        /* 26 */ stmt(BPF_ALU | BPF_AND | BPF_K, 0x0F),
-        /* 27 */ jump(BPF_JMP | BPF_JGE | BPF_K, 5, 0, 7),          // else -> 35
-        /* 28 */ stmt(BPF_ALU | BPF_LSH | BPF_K, 2),
-        /* 29 */ stmt(BPF_ALU | BPF_ADD | BPF_X, 0),
-        /* 30 */ stmt(BPF_MISC | BPF_TAX, 0),
-        /* 31 */ stmt(BPF_LD | BPF_H | BPF_IND, 2),                 // UDP destination port
-        /* 32 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 67, 1, 0),         // -> 34
-        /* 33 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 68, 0, 1),         // else -> 35
-        /* 34 */ stmt(BPF_RET | BPF_K, 0xFFFF),
-        /* 35 */ stmt(BPF_RET | BPF_K, 0),
+        /* 26 */ stmt(BPF_LD | BPF_H | BPF_IND, 6),
+        /* 27 */ jump(BPF_JMP | BPF_JSET | BPF_K, 0x1FFF, 10, 0),   // -> 38
+        /* 28 */ stmt(BPF_LD | BPF_B | BPF_IND, 0),
+        /* 29 */ stmt(BPF_ALU | BPF_AND | BPF_K, 0x0F),
+        /* 30 */ jump(BPF_JMP | BPF_JGE | BPF_K, 5, 0, 7),          // else -> 38
+        /* 31 */ stmt(BPF_ALU | BPF_LSH | BPF_K, 2),
+        /* 32 */ stmt(BPF_ALU | BPF_ADD | BPF_X, 0),
+        /* 33 */ stmt(BPF_MISC | BPF_TAX, 0),
+        /* 34 */ stmt(BPF_LD | BPF_H | BPF_IND, 2),                 // UDP destination port
+        /* 35 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 67, 1, 0),         // -> 37
+        /* 36 */ jump(BPF_JMP | BPF_JEQ | BPF_K, 68, 0, 1),         // else -> 38
+        /* 37 */ stmt(BPF_RET | BPF_K, 0xFFFF),
+        /* 38 */ stmt(BPF_RET | BPF_K, 0),
     };
 }
 
@@ -85,6 +88,11 @@ uint32_t run(const std::vector<struct sock_filter>& prog, const uint8_t* f, size
             case BPF_ABS: v = load(i.k, n, &ok); break;
             case BPF_IND: v = load((size_t)x + i.k, n, &ok); break;
             case BPF_IMM: v = i.k; break;
+            case BPF_MSH:
+                if (cls != BPF_LDX || n != 1)
+                    return 0;
+                v = (load(i.k, 1, &ok) & 0x0F) * 4;
+                break;
             default: return 0;
             }
             if (!ok)

@@ -82,7 +82,7 @@ TEST(NftRules, TableReplacesTheOldOneInOneBuffer)
 TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
 {
     std::string t = live::nft::tableText(ruleset(), {});
-    EXPECT_NE(t.find("iifname vmap { \"sw1\" : jump port_p1, \"sw3\" : jump port_p3 }"), std::string::npos);
+    EXPECT_NE(t.find("iif vmap { \"sw1\" : jump port_p1, \"sw3\" : jump port_p3 }"), std::string::npos);
     EXPECT_EQ(t.find("\"sw4\""), std::string::npos) << "a port of no snooped VLAN is left alone";
     EXPECT_EQ(count(t, "udp dport 67-68 drop"), 2u) << "DHCP off the bridge on both snooped ports";
     EXPECT_EQ(count(t, "@ll,352,16 { 67, 68 } drop"), 2u) << "and in SNAP";
@@ -99,7 +99,7 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
     // frames (which no rule of an Ethernet II type can match) wait behind
     // one comparison.
     EXPECT_EQ(t.find("\t\tmeta protocol ip ip protocol udp udp dport 67-68 drop\n"
-                     "\t\tmeta protocol ip iifname . ether saddr . ip saddr @bound accept\n"
+                     "\t\tmeta protocol ip iif . ether saddr . ip saddr @bound accept\n"
                      "\t\tether type <= 0x05dc jump llc_p3\n"
                      "\t\tether type 8021ad",
                      chain),
@@ -117,16 +117,57 @@ TEST(NftRules, EverySnoopedPortTrapsDhcpOnlyUntrustedOnesAreGuarded)
               "\t\tether type <= 0x05dc jump llc_p1\n");
     // The sender MAC and the frame's source are both looked up: an ARP
     // claiming another station's binding from this one is refused.
-    EXPECT_NE(t.find("meta protocol arp iifname . ether saddr . arp saddr ip @bound "
-                     "iifname . arp saddr ether . arp saddr ip @bound accept"),
+    EXPECT_NE(t.find("meta protocol arp iif . ether saddr . arp saddr ip @bound "
+                     "iif . arp saddr ether . arp saddr ip @bound accept"),
               std::string::npos);
     // A probe passes only for an address bound to its sender.
-    EXPECT_NE(t.find("meta protocol arp arp saddr ip 0.0.0.0 iifname . ether saddr . arp daddr ip @bound "
-                     "iifname . arp saddr ether . arp daddr ip @bound accept"),
+    EXPECT_NE(t.find("meta protocol arp arp saddr ip 0.0.0.0 iif . ether saddr . arp daddr ip @bound "
+                     "iif . arp saddr ether . arp daddr ip @bound accept"),
               std::string::npos);
     EXPECT_EQ(t.find("arp saddr ip 0.0.0.0 accept"), std::string::npos) << "no probe passes unchecked";
     EXPECT_EQ(t.find("meta protocol ip6"), std::string::npos) << "IPv6 passes unless asked";
     EXPECT_EQ(t.find("chain output"), std::string::npos) << "no host port";
+}
+
+TEST(NftRules, BoundIpv4IsAcceptedBeforeThePortsChainIsLookedFor)
+{
+    std::string t = live::nft::tableText(ruleset(), {});
+    size_t pre = t.find("\tchain prerouting {\n\t\ttype filter hook prerouting priority -300; policy accept;\n");
+    ASSERT_NE(pre, std::string::npos);
+    std::string body = t.substr(pre, t.find("\t}\n", pre) - pre);
+    // Ports 67-68 of any protocol go on to the port's chain, where DHCP is
+    // trapped and anything else from the bound source accepted again; so do
+    // frames without transport ports (fragments).
+    EXPECT_NE(body.find("\t\tmeta protocol ip iif . ether saddr . ip saddr @bound th dport != 67-68 accept\n"
+                        "\t\tiif vmap {"),
+              std::string::npos)
+        << body;
+    size_t p3 = t.find("chain port_p3 {\n");
+    ASSERT_NE(p3, std::string::npos);
+    EXPECT_LT(t.find("udp dport 67-68 drop", p3), t.find("ip saddr @bound accept", p3)) << "DHCP first there";
+
+    live::nft::Ruleset r = ruleset();
+    r.ipFilter = false;
+    EXPECT_EQ(live::nft::tableText(r, {}).find("th dport"), std::string::npos) << "no IPv4 guard, no short cut";
+    r = ruleset();
+    r.ports[1].trusted = true;
+    EXPECT_EQ(live::nft::tableText(r, {}).find("th dport"), std::string::npos) << "only trusted ports";
+}
+
+TEST(NftRules, TrappedDhcpIsLoggedToThePortsGroup)
+{
+    live::nft::Ruleset r = ruleset();
+    r.ports[1].logGroup = 0xD502;
+    std::string t = live::nft::tableText(r, {});
+    size_t p3 = t.find("chain port_p3 {\n");
+    ASSERT_NE(p3, std::string::npos);
+    EXPECT_LT(t.find("udp dport 67-68 log group 54530 drop\n", p3), t.find("\t}\n", p3));
+    size_t llc = t.find("chain llc_p3 {\n");
+    ASSERT_NE(llc, std::string::npos);
+    EXPECT_LT(t.find("@ll,352,16 { 67, 68 } log group 54530 drop\n", llc), t.find("\t}\n", llc));
+    EXPECT_LT(t.find("@ll,248,8 17 log group 54530 drop\n", llc), t.find("\t}\n", llc))
+        << "SNAP with IP options too: the module decides";
+    EXPECT_EQ(count(t, "log group"), 3u) << "port 1/0/1 has no group here: dropped, not logged";
 }
 
 TEST(NftRules, WithoutFiltersNothingButTheTrap)
@@ -248,6 +289,9 @@ TEST(TrapFilter, NothingElse)
         {"from port 67 to another", fb::Frame().srcPort(67).dstPort(1067).build()},
         {"TCP to port 67", fb::Frame().protocol(6).build()},
         {"TCP with IP options", fb::Frame().protocol(6).ihl(6).ipOptions(fb::Bytes(4, 1)).build()},
+        {"UDP with IP options to another port", fb::Frame().dstPort(53).ihl(6).ipOptions(fb::Bytes(4, 1)).build()},
+        // Where a 20-byte header would put the port, the options say 67.
+        {"port 67 in the IP options", fb::Frame().dstPort(53).ihl(6).ipOptions(fb::Bytes{1, 1, 0, 67}).build()},
         {"TCP behind an 802.1Q tag", fb::Frame().vlan(10).protocol(6).build()},
         {"TCP in SNAP", fb::Frame().snap().protocol(6).build()},
         {"a later fragment", fb::Frame().fragment(0x0010).build()},

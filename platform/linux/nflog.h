@@ -1,0 +1,67 @@
+// The bridge data plane's trap: the nftables rules that take DHCP off the
+// bridge hand each frame to the daemon through nfnetlink_log, one log group
+// a port. Nothing else is looked at or copied on its way through the bridge
+// (an AF_PACKET tap would run for every frame of its port).
+//
+// The messages are built and read here without a socket, so the pieces are
+// tested anywhere; open() makes the socket.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace live {
+namespace nflog {
+
+// The log group of the port of this index. Groups are per network
+// namespace; a daemon has a range of its own there.
+constexpr uint16_t kGroupBase = 0xD500;
+inline uint16_t groupOf(size_t portIndex) { return (uint16_t)(kGroupBase + portIndex); }
+
+// One logged frame, pointing into the message it came in.
+struct Packet {
+    uint32_t indev = 0;   // interface index the frame came in on, 0: none
+    uint32_t outdev = 0;  // and the one it was going out on (the host's own frames)
+    int32_t tci = -1;     // its 802.1Q tag, -1: none
+    bool hasSeq = false;  // the group's sequence number, where asked for
+    uint32_t seq = 0;
+    const uint8_t* l2 = nullptr;  // the link header (destination, source, type or length)
+    size_t l2Len = 0;
+    const uint8_t* payload = nullptr;  // what follows it, cut at the group's copy range
+    size_t payloadLen = 0;
+};
+
+// Calls each(packet, arg) for every logged frame of one datagram; a
+// message that is not a logged frame, or that is malformed, is passed over
+// and counted. Returns the number of malformed messages.
+using Each = void (*)(const Packet& p, void* arg);
+size_t parse(const uint8_t* data, size_t len, Each each, void* arg);
+
+// The frame of a packet, link header and payload, into buf (room bytes);
+// its length, or 0 when it does not fit or has no link header.
+size_t frameOf(const Packet& p, uint8_t* buf, size_t room);
+
+// The configuration messages that bind a socket to group and have it copy
+// copyRange bytes of every frame at once (no batching), with sequence
+// numbers. Each is written to buf (at least kRequestRoom bytes); its length.
+constexpr size_t kRequestRoom = 64;
+size_t bindRequest(uint8_t* buf, uint16_t group, uint32_t seq);
+size_t modeRequest(uint8_t* buf, uint16_t group, uint32_t copyRange, uint32_t seq);
+
+// The UDP checksum of an unfragmented IPv4 frame (untagged or with an
+// 802.1Q tag in the frame) computed and written: a local stack hands its
+// device the frame with only the sum of the addresses there (offloaded).
+void completeUdpChecksum(uint8_t* f, size_t len);
+// The same only where the checksum field holds just that sum, as a frame
+// the kernel logged before its checksum was computed does (the log does
+// not say so, unlike an AF_PACKET socket). A frame whose checksum was
+// right is left as it was; true when it was completed.
+bool completePartialUdpChecksum(uint8_t* f, size_t len);
+
+// A netlink socket bound to group and configured as above; -1 with error.
+// A group another program holds is refused by the kernel (EBUSY).
+int open(uint16_t group, uint32_t copyRange, std::string& error);
+
+}  // namespace nflog
+}  // namespace live

@@ -285,11 +285,12 @@ if [ "$perf" = 1 ]; then
         perf report -q -i "$work/perf-$sw-$what.data" --no-children --sort sym \
           --comm iperf3,ksoftirqd/0,ksoftirqd/1,swapper >"$work/perf-$sw-$what.txt" 2>/dev/null || true
         grep '%' "$work/perf-$sw-$what.txt" | head -n 15 || true
-        # The bridge data plane's own share: its table, the trap sockets and
-        # their filters (nothing of it runs for a plain bridge).
-        echo "   of which nftables, AF_PACKET taps and their filters:"
-        grep -E 'nft_|nf_tables|packet_rcv|run_filter|bpf_prog|sk_filter|nf_hook_slow' "$work/perf-$sw-$what.txt" | head -n 12 || true
-        awk '/nft_|nf_tables|packet_rcv|run_filter|bpf_prog|sk_filter|nf_hook_slow/ {sub("%", "", $1); t += $1}
+        # The bridge data plane's own share: its table and the log of
+        # trapped frames, and any AF_PACKET tap with its filter (the hook
+        # runner and socket filters run through a plain bridge too).
+        echo "   of which nftables, nfnetlink_log, AF_PACKET taps and their filters:"
+        grep -E 'nft_|nf_tables|nfulnl|packet_rcv|run_filter|bpf_prog|sk_filter|nf_hook_slow' "$work/perf-$sw-$what.txt" | head -n 12 || true
+        awk '/nft_|nf_tables|nfulnl|packet_rcv|run_filter|bpf_prog|sk_filter|nf_hook_slow/ {sub("%", "", $1); t += $1}
           END {printf "   together %.2f %% of the samples\n", t}' "$work/perf-$sw-$what.txt"
       done
     done

@@ -55,10 +55,9 @@ struct PortIo {
     // so it sees no frame), or for the host the daemon's end of its veth
     // pair (what is sent on the bridge device would reach the host instead).
     std::atomic<int> txFd{-1};
-    // The log group's next sequence number: a gap is frames the kernel
-    // could not queue. Only the thread that receives touches it.
-    bool seqKnown = false;
-    uint32_t nextSeq = 0;
+    // The log group's numbering: a gap is frames the kernel could not
+    // queue. Only the thread that receives touches it.
+    nflog::Sequence seq;
 };
 
 // Source-guard changes wait here for the worker, which hands them to
@@ -212,12 +211,9 @@ struct LoggedTo {
 void loggedFrame(const nflog::Packet& pk, void* arg)
 {
     LoggedTo& to = *static_cast<LoggedTo*>(arg);
-    if (pk.hasSeq) {
-        if (to.p->seqKnown && pk.seq != to.p->nextSeq)
-            core::discard(to.port, "trap socket full", (uint64_t)(uint32_t)(pk.seq - to.p->nextSeq));
-        to.p->seqKnown = true;
-        to.p->nextSeq = pk.seq + 1;
-    }
+    uint32_t lost = to.p->seq.lost(pk);
+    if (lost > 0)
+        core::discard(to.port, "trap socket full", lost);
     size_t n = nflog::frameOf(pk, to.b->frame, sizeof to.b->frame);
     if (n == 0)
         return;  // too long for the packet pool (as a cut frame of a trap socket), or no link header
@@ -372,25 +368,26 @@ uint32_t pumpTraps(int wakeFd, int timeoutMs)
     return waiting;
 }
 
-// A member port's sending socket: protocol 0, so no frame is ever queued
-// on it and the port's frames pass no tap.
-bool openPortTx(PortIo& p, std::string& error)
+// The port's sending socket on interface ifindex (where names it in an
+// error): protocol 0, so no frame is ever queued on it and the frames of
+// the interface pass no tap.
+bool openTx(PortIo& p, int ifindex, const std::string& where, std::string& error)
 {
     int s = socket(AF_PACKET, SOCK_RAW, 0);
     if (s < 0) {
         if (errno == EPERM || errno == EACCES)
             error = "opening AF_PACKET sockets needs CAP_NET_RAW (run as root)";
         else
-            error = "interface " + p.ifname + " of port " + p.name + ": socket: " + strerror(errno);
+            error = where + ": socket: " + strerror(errno);
         return false;
     }
     struct sockaddr_ll sll;
     memset(&sll, 0, sizeof sll);
     sll.sll_family = AF_PACKET;
     sll.sll_protocol = 0;
-    sll.sll_ifindex = p.ifindex;
+    sll.sll_ifindex = ifindex;
     if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
-        error = "interface " + p.ifname + " of port " + p.name + ": bind: " + strerror(errno);
+        error = where + ": bind: " + strerror(errno);
         close(s);
         return false;
     }
@@ -408,8 +405,8 @@ bool openLog(PortIo& p, size_t index, std::string& error)
     }
     p.fd.store(s);
     p.logged = true;
-    p.seqKnown = false;
-    return openPortTx(p, error);
+    p.seq = nflog::Sequence();
+    return openTx(p, p.ifindex, "interface " + p.ifname + " of port " + p.name, error);
 }
 
 // The host's DHCP: what it sends on the bridge device.
@@ -447,29 +444,6 @@ bool openTrap(PortIo& p, std::string& error)
         return false;
     }
     p.fd.store(s);
-    return true;
-}
-
-// The host port's sending socket on the daemon's end of the pair. Bound
-// with protocol 0: it sends, it never receives.
-bool openHostTx(PortIo& p, int ifindex, std::string& error)
-{
-    int s = socket(AF_PACKET, SOCK_RAW, 0);
-    if (s < 0) {
-        error = std::string("host port ") + p.name + ": socket: " + strerror(errno);
-        return false;
-    }
-    struct sockaddr_ll sll;
-    memset(&sll, 0, sizeof sll);
-    sll.sll_family = AF_PACKET;
-    sll.sll_protocol = 0;
-    sll.sll_ifindex = ifindex;
-    if (bind(s, reinterpret_cast<struct sockaddr*>(&sll), sizeof sll) != 0) {
-        error = std::string("host port ") + p.name + ": bind to " + rtnl::kHostDaemonEnd + ": " + strerror(errno);
-        close(s);
-        return false;
-    }
-    p.txFd.store(s);
     return true;
 }
 
@@ -769,7 +743,10 @@ bool start(const swcfg::SwitchConfig& cfg, const Options& opt, std::string& erro
             undo();
             return false;
         }
-        if (p->host && !openHostTx(*p, s.hostPair.daemonEnd, error)) {
+        // The host's port sends into its veth pair: what is sent on the
+        // bridge device would reach the host instead of the bridge's ports.
+        if (p->host && !openTx(*p, s.hostPair.daemonEnd, std::string("host port ") + p->name + ": " + rtnl::kHostDaemonEnd,
+                               error)) {
             undo();
             return false;
         }

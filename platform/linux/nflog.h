@@ -32,6 +32,22 @@ struct Packet {
     size_t payloadLen = 0;
 };
 
+// A group's sequence numbers as they come: how many frames the kernel
+// numbered but could not queue before this one.
+struct Sequence {
+    bool known = false;
+    uint32_t next = 0;
+    uint32_t lost(const Packet& p)
+    {
+        if (!p.hasSeq)
+            return 0;
+        uint32_t gap = known ? p.seq - next : 0;
+        known = true;
+        next = p.seq + 1;
+        return gap;
+    }
+};
+
 // Calls each(packet, arg) for every logged frame of one datagram; a
 // message that is not a logged frame, or that is malformed, is passed over
 // and counted. Returns the number of malformed messages.

@@ -313,6 +313,25 @@ TEST(Nflog, AnOffloadedChecksumIsCompletedARightOneLeftAlone)
     EXPECT_EQ(any, fb::Frame().build());
 }
 
+TEST(Nflog, AGapInTheNumbersIsWhatTheKernelCouldNotQueue)
+{
+    nflog::Sequence seq;
+    nflog::Packet p;
+    EXPECT_EQ(seq.lost(p), 0u) << "unnumbered";
+    p.hasSeq = true;
+    p.seq = 100;
+    EXPECT_EQ(seq.lost(p), 0u) << "the first says nothing of before";
+    p.seq = 101;
+    EXPECT_EQ(seq.lost(p), 0u);
+    p.seq = 105;
+    EXPECT_EQ(seq.lost(p), 3u);
+    p.seq = 0xFFFFFFFF;
+    seq.next = 0xFFFFFFFF;
+    EXPECT_EQ(seq.lost(p), 0u);
+    p.seq = 1;
+    EXPECT_EQ(seq.lost(p), 1u) << "across the wrap: 0 was lost";
+}
+
 TEST(Nflog, GroupsArePerPort)
 {
     EXPECT_EQ(nflog::groupOf(0), nflog::kGroupBase);

@@ -161,23 +161,26 @@ bool decodeReply(const std::string& text, Reply& reply, std::string& error)
     return true;
 }
 
-CallResult call(const std::string& path, const std::vector<std::string>& words, Reply& reply,
-                std::string& error, int timeoutMs)
+namespace {
+
+// Connects to the daemon at path and sends the request; the socket, or -1
+// with error and how it failed.
+int openCall(const std::string& path, const std::vector<std::string>& words, int64_t deadline, std::string& error,
+             CallResult& failed)
 {
+    failed = CallResult::BadReply;
     std::string request;
     if (!encodeRequest(words, request, error))
-        return CallResult::BadReply;
+        return -1;
+    failed = CallResult::Unreachable;
     struct sockaddr_un addr;
     if (!socketAddress(path, addr, error))
-        return CallResult::Unreachable;
+        return -1;
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         error = sysError("socket");
-        return CallResult::Unreachable;
+        return -1;
     }
-    int64_t deadline = nowMs() + timeoutMs;
-    CallResult result = CallResult::Unreachable;
-    std::string text;
     int rc;
     // A full backlog answers EAGAIN: the daemon is busy with another client.
     while ((rc = connect(fd, (struct sockaddr*)&addr, sizeof addr)) != 0 && (errno == EAGAIN || errno == EINTR) &&
@@ -185,39 +188,58 @@ CallResult call(const std::string& path, const std::vector<std::string>& words, 
         poll(nullptr, 0, 20);
     if (rc != 0) {
         error = sysError("cannot reach the daemon at " + path);
-    } else if (!writeAll(fd, request, -1, deadline)) {
+        close(fd);
+        return -1;
+    }
+    if (!writeAll(fd, request, -1, deadline)) {
         error = "cannot reach the daemon at " + path + ": the request was not taken";
-    } else {
-        for (;;) {
-            char buf[4096];
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n > 0) {
-                if (text.size() + (size_t)n > kReplyMax) {
-                    error = "the daemon's reply is longer than " + std::to_string(kReplyMax) + " bytes";
-                    result = CallResult::BadReply;
-                    break;
-                }
-                text.append(buf, (size_t)n);
-                continue;
-            }
-            if (n == 0) {
-                result = decodeReply(text, reply, error) ? CallResult::Ok : CallResult::BadReply;
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+CallResult call(const std::string& path, const std::vector<std::string>& words, Reply& reply,
+                std::string& error, int timeoutMs)
+{
+    int64_t deadline = nowMs() + timeoutMs;
+    CallResult result;
+    int fd = openCall(path, words, deadline, error, result);
+    if (fd < 0)
+        return result;
+    result = CallResult::Unreachable;
+    std::string text;
+    for (;;) {
+        char buf[4096];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n > 0) {
+            if (text.size() + (size_t)n > kReplyMax) {
+                error = "the daemon's reply is longer than " + std::to_string(kReplyMax) + " bytes";
+                result = CallResult::BadReply;
                 break;
             }
-            if (errno == EINTR)
-                continue;
-            if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                int w = waitFor(fd, POLLIN, -1, deadline);
-                if (w == 1)
-                    continue;
-                error = w == 0 ? "the daemon at " + path + " did not answer within " +
-                                     std::to_string(timeoutMs / 1000) + " s"
-                               : sysError("poll");
-            } else {
-                error = sysError("reading the daemon's reply");
-            }
+            text.append(buf, (size_t)n);
+            continue;
+        }
+        if (n == 0) {
+            result = decodeReply(text, reply, error) ? CallResult::Ok : CallResult::BadReply;
             break;
         }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            int w = waitFor(fd, POLLIN, -1, deadline);
+            if (w == 1)
+                continue;
+            error = w == 0 ? "the daemon at " + path + " did not answer within " + std::to_string(timeoutMs / 1000) +
+                                 " s"
+                           : sysError("poll");
+        } else {
+            error = sysError("reading the daemon's reply");
+        }
+        break;
     }
     close(fd);
     return result;
@@ -226,32 +248,11 @@ CallResult call(const std::string& path, const std::vector<std::string>& words, 
 CallResult monitor(const std::string& path, const std::vector<std::string>& words, std::ostream& out,
                    Reply& reply, std::string& error, int timeoutMs)
 {
-    std::string request;
-    if (!encodeRequest(words, request, error))
-        return CallResult::BadReply;
-    struct sockaddr_un addr;
-    if (!socketAddress(path, addr, error))
-        return CallResult::Unreachable;
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        error = sysError("socket");
-        return CallResult::Unreachable;
-    }
     int64_t deadline = nowMs() + timeoutMs;
-    int rc;
-    while ((rc = connect(fd, (struct sockaddr*)&addr, sizeof addr)) != 0 && (errno == EAGAIN || errno == EINTR) &&
-           leftMs(deadline) > 0)
-        poll(nullptr, 0, 20);
-    if (rc != 0) {
-        error = sysError("cannot reach the daemon at " + path);
-        close(fd);
-        return CallResult::Unreachable;
-    }
-    if (!writeAll(fd, request, -1, deadline)) {
-        error = "cannot reach the daemon at " + path + ": the request was not taken";
-        close(fd);
-        return CallResult::Unreachable;
-    }
+    CallResult failed;
+    int fd = openCall(path, words, deadline, error, failed);
+    if (fd < 0)
+        return failed;
     // The status line within the time; the events then for as long as they come.
     std::string text;
     bool streaming = false;

@@ -1,5 +1,8 @@
 #include "platform/common/port_text.h"
 
+#include <cstdio>
+#include <cstring>
+
 namespace porttext {
 namespace {
 
@@ -44,6 +47,19 @@ bool parse(const char* text, up* handle)
         return true;
     }
     return false;
+}
+
+std::string name(up handle)
+{
+    char text[UP_STR_BUF];
+    memset(text, 0, sizeof text);
+    if (usUp2Str(handle, text, 0) == 0 && text[0] != '\0') {
+        text[sizeof text - 1] = '\0';
+        return text;
+    }
+    char hex[16];
+    snprintf(hex, sizeof hex, "0x%08x", (unsigned)handle);
+    return hex;
 }
 
 }  // namespace porttext

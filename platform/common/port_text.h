@@ -3,6 +3,8 @@
 // the platform implementations; the module never includes it.
 #pragma once
 
+#include <string>
+
 #include "platform/port.h"
 
 namespace porttext {
@@ -11,5 +13,9 @@ namespace porttext {
 // digits, nothing after it. Leading blanks and tabs are skipped. On success
 // *handle is set; it is left alone otherwise.
 bool parse(const char* text, up* handle);
+
+// The platform's name of a port (usUp2Str), or the handle in hex where it
+// has none: what the daemon shows of a binding's port.
+std::string name(up handle);
 
 }  // namespace porttext

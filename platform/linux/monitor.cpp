@@ -8,6 +8,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "platform/common/port_text.h"
 #include "platform/linux/live_internal.h"
 #include "snooping/dhcpSnoopInternal.h"
 #include "snooping/dhcpSnoopWire.h"
@@ -197,16 +198,7 @@ void bindingRecord(const uint8_t* record, uint32_t len)
     memcpy(ev.mac.data(), e.clientMac, 6);
     ev.vlan = e.vlan;
     ev.lease = e.ttl;
-    char name[UP_STR_BUF];
-    memset(name, 0, sizeof name);
-    if (usUp2Str(e.up, name, 0) == 0 && name[0] != '\0') {
-        name[sizeof name - 1] = '\0';
-        ev.port = name;
-    } else {
-        char hex[16];
-        snprintf(hex, sizeof hex, "0x%08x", (unsigned)e.up);
-        ev.port = hex;
-    }
+    ev.port = porttext::name(e.up);
     ev.cause = causeHere();
     publish(ev);
 }

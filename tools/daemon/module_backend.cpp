@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "platform/common/port_text.h"
 #include "snooping/dhcpSnoop.h"
 #include "snooping/dhcpSnoopWire.h"
 
@@ -42,16 +43,7 @@ bool decodeSnapshot(const uint8_t* data, uint32_t len, std::vector<Binding>& out
         memcpy(b.mac.data(), e.clientMac, 6);
         b.vlan = e.vlan;
         b.lease = e.ttl;
-        char name[UP_STR_BUF];
-        memset(name, 0, sizeof name);
-        if (usUp2Str(e.up, name, 0) == 0 && name[0] != '\0') {
-            name[sizeof name - 1] = '\0';
-            b.port = name;
-        } else {
-            char hex[16];
-            snprintf(hex, sizeof hex, "0x%08x", (unsigned)e.up);
-            b.port = hex;
-        }
+        b.port = porttext::name(e.up);
         bindings.push_back(b);
     }
     out.swap(bindings);

@@ -4,8 +4,10 @@
 #include <arpa/inet.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_log.h>
+#include <linux/capability.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -270,6 +272,18 @@ size_t modeRequest(uint8_t* buf, uint16_t group, uint32_t copyRange, uint32_t se
 
 namespace {
 
+bool hasNetAdmin()
+{
+    struct __user_cap_header_struct h;
+    struct __user_cap_data_struct d[2];
+    memset(&h, 0, sizeof h);
+    memset(d, 0, sizeof d);
+    h.version = _LINUX_CAPABILITY_VERSION_3;
+    if (syscall(SYS_capget, &h, d) != 0)
+        return false;
+    return (d[CAP_NET_ADMIN / 32].effective & (1u << (CAP_NET_ADMIN % 32))) != 0;
+}
+
 // Sends a request and waits for its acknowledgement; false with error.
 bool exchange(int s, const uint8_t* req, size_t len, uint32_t seq, const char* what, std::string& error)
 {
@@ -329,10 +343,14 @@ int open(uint16_t group, uint32_t copyRange, std::string& error)
     std::string g = "group " + std::to_string(group);
     size_t n = bindRequest(req, group, 1);
     if (!exchange(s, req, n, 1, (g + " bind").c_str(), error)) {
-        if (error.find(strerror(EBUSY)) != std::string::npos)
-            error += " (another program logs to this group)";
-        else if (error.find(strerror(EPERM)) != std::string::npos)
-            error = "reading trapped DHCP from nfnetlink_log needs CAP_NET_ADMIN (run as root)";
+        // The kernel refuses both alike: a group another socket holds, and
+        // a caller without CAP_NET_ADMIN.
+        if (error.find(strerror(EPERM)) != std::string::npos) {
+            if (hasNetAdmin())
+                error += " (another program, another dhcpsnoopd perhaps, reads this group)";
+            else
+                error = "reading trapped DHCP from nfnetlink_log needs CAP_NET_ADMIN (run as root)";
+        }
         close(s);
         return -1;
     }

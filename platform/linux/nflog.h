@@ -76,7 +76,8 @@ void completeUdpChecksum(uint8_t* f, size_t len);
 bool completePartialUdpChecksum(uint8_t* f, size_t len);
 
 // A netlink socket bound to group and configured as above; -1 with error.
-// A group another program holds is refused by the kernel (EBUSY).
+// A group another program holds is refused by the kernel (EPERM, as for a
+// caller without CAP_NET_ADMIN: the error says which it was).
 int open(uint16_t group, uint32_t copyRange, std::string& error);
 
 }  // namespace nflog

@@ -727,6 +727,7 @@ step_flood() {
 
 lease_of() { ctl_cmd bindings --json >"$work/bindings.json" && "${tool[@]}" binding-lease "$work/bindings.json" "$1"; }
 # lease_counted_down BEFORE AFTER SECONDS: the lease ran down by about SECONDS.
+lease_at_least() { local l; l=$(lease_of "$mac_a") && [ "$l" != infinite ] && [ "$l" -ge "$1" ]; }
 lease_counted_down() { [ "$1" != infinite ] && [ $(($1 - $2)) -ge $(($3 - 3)) ]; }
 
 step_trap_flood() {
@@ -888,6 +889,17 @@ step_errors() {
       fails_with 2 'port 1/0/5: interface sw5 is not a member of bridge br0' in_ns "$ns_sw" "$daemon" \
       --config "$d/outside.toml" --data-dir "$d/data" --control "$d/outside.sock"
     check "the running daemon's table is untouched" has_table
+    # Another daemon on the same bridge: the ports' log groups are taken.
+    check "a second daemon on the same bridge: exit 2, the log group named" \
+      fails_with 2 'port 1/0/1: nfnetlink_log group 54528 bind: Operation not permitted (another program, another dhcpsnoopd perhaps, reads this group)' \
+      in_ns "$ns_sw" "$daemon" --config "$work/switch.toml" --data-dir "$d/data" --control "$d/second.sock"
+    check "the running daemon's table is still untouched" has_table
+    # Its trap still works: client A's renewal through it resets the lease.
+    local before
+    before=$(lease_of "$mac_a")
+    sleep 2
+    kill -USR1 "$udhcpc_pid"
+    check "and it still traps: client A's renewal is seen" wait_for 10 lease_at_least "$before"
   fi
   printf '[switch]\nunit = 1\n[[port]]\nname = "1/0/99"\n' >"$d/bad.toml"
   check "a bad configuration: exit 1, file and line named" \

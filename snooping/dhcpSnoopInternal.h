@@ -261,6 +261,15 @@ static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) { (void)fmt; }
 /* True when the debug switch is on: guards work done only for debug lines. */
 #define DHCP_SNOOP_DEBUG_ON() (debugFlagGet(MID_DHCP) == 1)
 
+/* The text of snprintf(buf, size, "%s %s%s", prefix, message, suffix). */
+void dhcpSnoopLogFormatJoin(char *buf, size_t size, const char *prefix, const char *message,
+                            const char *suffix);
+/* The text and result of snprintf(line, size, "%02x.%02x.%02x.%02x\t%02x:%02x:%02x:%02x:%02x:%02x"
+ * "\t%04x\t%11s\t%08x\t%08x\t\r\n", ...), the binding file's line; of portText
+ * at most UP_STR_BUF - 1 characters are read. */
+int dhcpSnoopBindingLineFormat(char *line, size_t size, const uint8_t ip[4], const uint8_t mac[6],
+                               uint32_t vlan, const char *portText, uint32_t ttl, uint32_t check);
+
 #ifdef __cplusplus
 }
 #endif

@@ -166,15 +166,29 @@ public:
     }
     bool isOneThread() const { return only_.load(std::memory_order_relaxed) != 0; }
 
+    // The one-thread case inline (a replay makes some sixty calls a frame),
+    // the rest out of line.
     void lock()
     {
-        uintptr_t me = self();
         uintptr_t only = only_.load(std::memory_order_relaxed);
-        if (only != 0) {
-            if (only != me)
+        if (__builtin_expect(only != 0, 1)) {
+            if (__builtin_expect(only != self(), 0))
                 secondThread();
             return;
         }
+        lockShared();
+    }
+    void unlock()
+    {
+        if (__builtin_expect(only_.load(std::memory_order_relaxed) != 0, 1))
+            return;
+        unlockShared();
+    }
+
+private:
+    __attribute__((noinline)) void lockShared()
+    {
+        uintptr_t me = self();
         if (owner_.load(std::memory_order_relaxed) == me) {
             ++depth_;
             return;
@@ -188,17 +202,13 @@ public:
         owner_.store(me, std::memory_order_relaxed);
         depth_ = 1;
     }
-    void unlock()
+    __attribute__((noinline)) void unlockShared()
     {
-        if (only_.load(std::memory_order_relaxed) != 0)
-            return;
         if (--depth_ == 0) {
             owner_.store(0, std::memory_order_relaxed);
             busy_.store(false, std::memory_order_release);
         }
     }
-
-private:
     [[noreturn]] __attribute__((noinline)) static void secondThread()
     {
         fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
@@ -407,10 +417,21 @@ inline SiteCache& siteCache()
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
 // (Made on first use: a test's static objects may call the platform.)
-inline State& st()
+std::atomic<State*> gState{nullptr};
+
+__attribute__((noinline)) State& stMake()
 {
     static State* s = new State;
+    gState.store(s, std::memory_order_release);
     return *s;
+}
+
+inline State& st()
+{
+    State* s = gState.load(std::memory_order_acquire);
+    if (__builtin_expect(s != nullptr, 1))
+        return *s;
+    return stMake();
 }
 
 using Guard = std::lock_guard<SimLock>;
@@ -1171,6 +1192,31 @@ __attribute__((noinline)) static void fillIndexTable(up* handles, uint32_t* coun
     *kept = maxUnit;
 }
 
+// The module walks every running index of a port list, frame after frame:
+// each thread keeps the handles of the current stack.
+struct IndexTable {
+    uint32_t maxUnit;  // 0: nothing kept yet
+    uint32_t count;
+    up handles[kIndexTable];
+};
+static thread_local IndexTable tIndexTable;
+
+__attribute__((noinline)) static uint32_t fromIndexSlow(up* handle, uint32_t index, uint32_t flag,
+                                                        uint32_t maxUnit)
+{
+    IndexTable& table = tIndexTable;
+    if (flag == 1) {
+        if (table.maxUnit != maxUnit)
+            fillIndexTable(table.handles, &table.count, &table.maxUnit, maxUnit);
+        if (index < table.count) {
+            *handle = table.handles[index];
+            return 0;
+        }
+    }
+    // flag 0: a port index counted from 1 (the rate limits' numbering).
+    return portindex::fromIndex(handle, index, flag, maxUnit);
+}
+
 uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
                              uint32_t line)
 {
@@ -1183,23 +1229,12 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     gFromIndexCalls.store(gFromIndexCalls.load(std::memory_order_relaxed) + 1,
                           std::memory_order_relaxed);
     uint32_t maxUnit = gMaxUnit.load(std::memory_order_relaxed);
-    // The module walks every running index of a port list, frame after
-    // frame: each thread keeps the handles of the current stack.
-    thread_local struct {
-        uint32_t maxUnit;  // 0: nothing kept yet
-        uint32_t count;
-        up handles[kIndexTable];
-    } table;
-    if (flag == 1) {
-        if (table.maxUnit != maxUnit)
-            fillIndexTable(table.handles, &table.count, &table.maxUnit, maxUnit);
-        if (index < table.count) {
-            *handle = table.handles[index];
-            return 0;
-        }
+    const IndexTable& table = tIndexTable;
+    if (__builtin_expect(flag == 1 && table.maxUnit == maxUnit && index < table.count, 1)) {
+        *handle = table.handles[index];
+        return 0;
     }
-    // flag 0: a port index counted from 1 (the rate limits' numbering).
-    return portindex::fromIndex(handle, index, flag, maxUnit);
+    return fromIndexSlow(handle, index, flag, maxUnit);
 }
 
 uint32_t inner_up_is_valid(up handle)

@@ -341,6 +341,9 @@ std::atomic<size_t> gFromIndexCalls{0};
 // debug is on stays unknown.
 thread_local const void* tFlagSite = nullptr;
 thread_local bool tNamed = false;
+// The site's format was wanted before: its line goes on to the line filter
+// without the format being classified again.
+thread_local bool tSiteWanted = false;
 // Asked before every line the module might write: answered without the lock.
 std::atomic<uint32_t> gDebugFlag{0};
 // With a log filter: per call site of debugFlagGet, whether the filter
@@ -1079,9 +1082,12 @@ uint32_t debugFlagGet(uint32_t mid)
     SiteCache& c = siteCache();
     // Nearly always found at once: no probing, no call.
     size_t home = SiteCache::home(site);
-    if (c.sites[home] == site)
+    if (c.sites[home] == site) {
+        tSiteWanted = c.wanted[home];
         return c.wanted[home] ? 1 : 0;
+    }
     size_t at = c.sites[home] == nullptr ? SiteCache::kSlots : c.find(site);
+    tSiteWanted = at != SiteCache::kSlots && c.wanted[at];
     return at != SiteCache::kSlots && !c.wanted[at] ? 0 : 1;
 }
 
@@ -1092,8 +1098,9 @@ int debugPrintf(uint32_t mid, const char* format, ...)
         return 0;
     bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
     if (filter != nullptr) {
-        bool wanted = filter(format);
-        if (tFlagSite != nullptr && tNamed)
+        bool known = tFlagSite != nullptr && tNamed;
+        bool wanted = known && tSiteWanted ? true : filter(format);
+        if (known && !tSiteWanted)
             siteCache().set(tFlagSite, wanted);
         tFlagSite = nullptr;
         if (!wanted)

@@ -146,6 +146,90 @@ struct Frame {
     size_t capacity;
 };
 
+// Frame buffers by address: an open-addressed table (linear probing,
+// deletion by shifting back), so that the replay's frame-by-frame hand-out
+// and release allocate nothing.
+class FrameTable {
+public:
+    struct Slot {
+        uint8_t* first = nullptr;  // nullptr: empty
+        Frame second{0};
+    };
+
+    Slot* find(uint8_t* key)
+    {
+        if (size_ == 0 || key == nullptr)
+            return nullptr;
+        for (size_t i = home(key);; i = (i + 1) & mask()) {
+            if (slots_[i].first == key)
+                return &slots_[i];
+            if (slots_[i].first == nullptr)
+                return nullptr;
+        }
+    }
+    // As a map's insert: a key already there keeps its value.
+    void insert(uint8_t* key, Frame value)
+    {
+        if ((size_ + 1) * 2 > slots_.size())
+            grow();
+        size_t i = home(key);
+        for (; slots_[i].first != nullptr; i = (i + 1) & mask())
+            if (slots_[i].first == key)
+                return;
+        slots_[i].first = key;
+        slots_[i].second = value;
+        ++size_;
+    }
+    void erase(Slot* slot)
+    {
+        size_t i = (size_t)(slot - slots_.data());
+        for (size_t j = (i + 1) & mask(); slots_[j].first != nullptr; j = (j + 1) & mask()) {
+            size_t h = home(slots_[j].first);
+            // Stays where it is when its home lies cyclically in (i, j].
+            bool stays = i < j ? (h > i && h <= j) : (h > i || h <= j);
+            if (!stays) {
+                slots_[i] = slots_[j];
+                i = j;
+            }
+        }
+        slots_[i].first = nullptr;
+        --size_;
+    }
+    size_t size() const { return size_; }
+    template <typename F>
+    void forEach(F f)
+    {
+        for (Slot& slot : slots_)
+            if (slot.first != nullptr)
+                f(slot);
+    }
+    void clear()
+    {
+        slots_.clear();
+        size_ = 0;
+    }
+
+private:
+    size_t mask() const { return slots_.size() - 1; }
+    size_t home(const uint8_t* key) const
+    {
+        uint64_t a = (uint64_t)reinterpret_cast<uintptr_t>(key);
+        return (size_t)((a * 0x9E3779B97F4A7C15ull) >> 32) & mask();
+    }
+    void grow()
+    {
+        std::vector<Slot> old;
+        old.swap(slots_);
+        slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});
+        size_ = 0;
+        for (Slot& slot : old)
+            if (slot.first != nullptr)
+                insert(slot.first, slot.second);
+    }
+    std::vector<Slot> slots_;
+    size_t size_ = 0;
+};
+
 struct FdbValue {
     up port;
     uint32_t word;
@@ -288,8 +372,8 @@ struct State {
     uint32_t timerSerial = 0;
 
     // frames and transmission
-    std::unordered_map<uint8_t*, Frame> liveFrames;
-    std::unordered_map<uint8_t*, Frame> releasedFrames;
+    FrameTable liveFrames;
+    FrameTable releasedFrames;
     std::deque<uint8_t*> releaseOrder;  // releasedFrames, oldest first
     // Buffers of the usual capacity no longer reserved, for the next frames.
     std::vector<uint8_t*> spareFrames;
@@ -598,13 +682,12 @@ void freeEverything(State& s)
     for (auto& a : s.allocs)
         free(a.first);
     s.allocs.clear();
-    for (auto& f : s.liveFrames)
-        free(f.first);
+    s.liveFrames.forEach([](FrameTable::Slot& f) { free(f.first); });
     s.liveFrames.clear();
-    for (auto& f : s.releasedFrames) {
+    s.releasedFrames.forEach([](FrameTable::Slot& f) {
         SIM_UNPOISON(f.first, f.second.capacity);
         free(f.first);
-    }
+    });
     s.releasedFrames.clear();
     s.releaseOrder.clear();
     for (uint8_t* p : s.spareFrames)
@@ -1494,20 +1577,20 @@ void dhcpReleasePacketPool(uint8_t* frame)
 {
     State& s = st();
     Guard g(s.lock);
-    auto it = s.liveFrames.find(frame);
-    if (it == s.liveFrames.end()) {
+    FrameTable::Slot* it = s.liveFrames.find(frame);
+    if (it == nullptr) {
         ++s.badReleases;
         return;
     }
     ++s.releaseCount;
     SIM_POISON(it->first, it->second.capacity);
-    s.releasedFrames.insert(*it);
+    s.releasedFrames.insert(it->first, it->second);
     s.releaseOrder.push_back(it->first);
     s.liveFrames.erase(it);
     while (s.releaseOrder.size() > s.recording.releasedFrames) {
-        auto old = s.releasedFrames.find(s.releaseOrder.front());
+        FrameTable::Slot* old = s.releasedFrames.find(s.releaseOrder.front());
         s.releaseOrder.pop_front();
-        if (old == s.releasedFrames.end())
+        if (old == nullptr)
             continue;
         SIM_UNPOISON(old->first, old->second.capacity);
         if (old->second.capacity == kFrameCapacity && s.spareFrames.size() < kSpareFrames)
@@ -2364,7 +2447,11 @@ uint8_t* newFrameOf(const uint8_t* bytes, size_t len, size_t cap)
     if (len != 0)
         memcpy(p, bytes, len);
     Guard g(s.lock);
-    s.liveFrames[p] = Frame{cap};
+    // A fresh buffer cannot be listed: whatever had its address was freed.
+    if (FrameTable::Slot* stale = s.liveFrames.find(p))
+        stale->second = Frame{cap};
+    else
+        s.liveFrames.insert(p, Frame{cap});
     return p;
 }
 

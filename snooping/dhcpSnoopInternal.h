@@ -267,6 +267,9 @@ void dhcpSnoopLogFormatJoin(char *buf, size_t size, const char *prefix, const ch
 /* The text and result of snprintf(line, size, "%02x.%02x.%02x.%02x\t%02x:%02x:%02x:%02x:%02x:%02x"
  * "\t%04x\t%11s\t%08x\t%08x\t\r\n", ...), the binding file's line; of portText
  * at most UP_STR_BUF - 1 characters are read. */
+/* The sum of the big-endian 16-bit words of p's first len bytes (len even),
+ * as a plain integer: the same as adding them one by one. */
+uint32_t dhcpSnoopSum16(const uint8_t *p, uint32_t len);
 int dhcpSnoopBindingLineFormat(char *line, size_t size, const uint8_t ip[4], const uint8_t mac[6],
                                uint32_t vlan, const char *portText, uint32_t ttl, uint32_t check);
 

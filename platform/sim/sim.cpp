@@ -112,7 +112,8 @@ struct Queue {
     const uint8_t* front() const { return ring.data() + head * stride(); }
     void pop()
     {
-        head = (head + 1) % slots;
+        if (++head == slots)
+            head = 0;
         --count;
     }
     // A zeroed slot at the back (the caller checked the depth).
@@ -128,7 +129,10 @@ struct Queue {
             slots = grown;
             head = 0;
         }
-        uint8_t* at = ring.data() + ((head + count) % slots) * stride();
+        size_t back = head + count;
+        if (back >= slots)
+            back -= slots;
+        uint8_t* at = ring.data() + back * stride();
         memset(at, 0, stride());
         ++count;
         return at;
@@ -146,61 +150,76 @@ struct Frame {
     size_t capacity;
 };
 
-// Frame buffers by address: an open-addressed table (linear probing,
-// deletion by shifting back), so that the replay's frame-by-frame hand-out
-// and release allocate nothing.
-class FrameTable {
+// A map for the tables a replay reads several times a frame: open
+// addressing (linear probing, deletion by shifting back) in a power-of-two
+// array, a multiplicative hash, no allocation per entry and no division.
+// Entries move when the table grows or an entry is erased: nobody keeps a
+// pointer to one across those.
+template <typename K, typename V, typename Hash>
+class FlatMap {
 public:
     struct Slot {
-        uint8_t* first = nullptr;  // nullptr: empty
-        Frame second{0};
+        K first{};
+        V second{};
+        bool used = false;
     };
 
-    Slot* find(uint8_t* key)
+    Slot* find(const K& key)
     {
-        if (size_ == 0 || key == nullptr)
+        if (size_ == 0)
             return nullptr;
         for (size_t i = home(key);; i = (i + 1) & mask()) {
+            if (!slots_[i].used)
+                return nullptr;
             if (slots_[i].first == key)
                 return &slots_[i];
-            if (slots_[i].first == nullptr)
-                return nullptr;
         }
     }
     // As a map's insert: a key already there keeps its value.
-    void insert(uint8_t* key, Frame value)
+    Slot* insert(const K& key, const V& value)
     {
         if ((size_ + 1) * 2 > slots_.size())
             grow();
         size_t i = home(key);
-        for (; slots_[i].first != nullptr; i = (i + 1) & mask())
+        for (; slots_[i].used; i = (i + 1) & mask())
             if (slots_[i].first == key)
-                return;
+                return &slots_[i];
         slots_[i].first = key;
         slots_[i].second = value;
+        slots_[i].used = true;
         ++size_;
+        return &slots_[i];
     }
+    void assign(const K& key, const V& value) { insert(key, value)->second = value; }
     void erase(Slot* slot)
     {
         size_t i = (size_t)(slot - slots_.data());
-        for (size_t j = (i + 1) & mask(); slots_[j].first != nullptr; j = (j + 1) & mask()) {
+        for (size_t j = (i + 1) & mask(); slots_[j].used; j = (j + 1) & mask()) {
             size_t h = home(slots_[j].first);
             // Stays where it is when its home lies cyclically in (i, j].
             bool stays = i < j ? (h > i && h <= j) : (h > i || h <= j);
             if (!stays) {
-                slots_[i] = slots_[j];
+                slots_[i] = std::move(slots_[j]);
                 i = j;
             }
         }
-        slots_[i].first = nullptr;
+        slots_[i] = Slot{};
         --size_;
+    }
+    bool erase(const K& key)
+    {
+        Slot* slot = find(key);
+        if (slot == nullptr)
+            return false;
+        erase(slot);
+        return true;
     }
     size_t size() const { return size_; }
     template <typename F>
     void forEach(F f)
     {
         for (Slot& slot : slots_)
-            if (slot.first != nullptr)
+            if (slot.used)
                 f(slot);
     }
     void clear()
@@ -211,24 +230,34 @@ public:
 
 private:
     size_t mask() const { return slots_.size() - 1; }
-    size_t home(const uint8_t* key) const
+    size_t home(const K& key) const
     {
-        uint64_t a = (uint64_t)reinterpret_cast<uintptr_t>(key);
-        return (size_t)((a * 0x9E3779B97F4A7C15ull) >> 32) & mask();
+        return (size_t)((Hash()(key) * 0x9E3779B97F4A7C15ull) >> 32) & mask();
     }
     void grow()
     {
         std::vector<Slot> old;
         old.swap(slots_);
-        slots_.assign(old.empty() ? 16 : old.size() * 2, Slot{});
+        slots_.resize(old.empty() ? 16 : old.size() * 2);
         size_ = 0;
         for (Slot& slot : old)
-            if (slot.first != nullptr)
+            if (slot.used)
                 insert(slot.first, slot.second);
     }
     std::vector<Slot> slots_;
     size_t size_ = 0;
 };
+
+struct PtrHash {
+    uint64_t operator()(const void* p) const { return (uint64_t)reinterpret_cast<uintptr_t>(p); }
+};
+struct U32Hash {
+    uint64_t operator()(uint32_t v) const { return v; }
+};
+
+// Frame buffers by address: the replay hands one out and takes it back
+// every frame.
+using FrameTable = FlatMap<uint8_t*, Frame, PtrHash>;
 
 struct FdbValue {
     up port;
@@ -327,6 +356,7 @@ struct State {
     // switch model
     uint32_t unit = 1;
     std::set<uint32_t> units{1};
+    uint64_t unitBits = 1ull << 1;  // the members below 64, by bit
     std::map<uint32_t, uint32_t> portCounts;
     uint32_t portChannels = kDefaultPortChannels;
     std::set<up> provisioned;
@@ -383,7 +413,7 @@ struct State {
     std::vector<sim::SentPacket> sent;
 
     // forwarding database
-    std::unordered_map<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
+    FlatMap<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
     std::vector<sim::FdbLookup> fdbLookups;
 
     // The source-guard table: slots in the order entries came, a deleted
@@ -395,7 +425,11 @@ struct State {
     std::unordered_map<uint64_t, std::vector<uint32_t>> qtableIndex;  // slots, ascending
 
     // usUp2Str's texts: the module asks for a port's text several times a frame.
-    std::unordered_map<up, std::string> nameCache;
+    FlatMap<up, std::string, U32Hash> nameCache;
+    // Where each port's configuration is, found once (nullptr: none): the
+    // module reads a port's configuration several times a frame. Cleared
+    // whenever portCfg gains an entry.
+    FlatMap<up, const DhcpSnoopPortCfg*, U32Hash> cfgIndex;
 
     sim::StkRegistrations stk;
     std::vector<std::vector<uint8_t>> runtimeRecords;
@@ -643,7 +677,20 @@ void allocEvent(State& s, const char* what, size_t size, const std::string& tag)
 uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
 
 // After any change of the units, under the lock.
-void noteUnits(const State& s) { gMaxUnit.store(maxUnit(s), std::memory_order_relaxed); }
+void noteUnits(State& s)
+{
+    gMaxUnit.store(maxUnit(s), std::memory_order_relaxed);
+    s.unitBits = 0;
+    for (uint32_t u : s.units)
+        if (u < 64)
+            s.unitBits |= 1ull << u;
+}
+
+// Whether unit is a present member: asked for every port validity test.
+bool unitPresent(const State& s, uint32_t unit)
+{
+    return unit < 64 ? (s.unitBits >> unit & 1u) != 0 : s.units.count(unit) != 0;
+}
 
 uint32_t portCountOf(const State& s, uint32_t unit)
 {
@@ -1333,7 +1380,7 @@ uint32_t inner_up_is_valid(up handle)
     Guard g(s.lock);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
         uint32_t unit = UP_UNIT(handle);
-        return s.units.count(unit) && portindex::validPhysical(handle, portCountOf(s, unit)) ? 1 : 0;
+        return unitPresent(s, unit) && portindex::validPhysical(handle, portCountOf(s, unit)) ? 1 : 0;
     }
     return portindex::validChannel(handle, s.portChannels) ? 1 : 0;
 }
@@ -1349,7 +1396,7 @@ uint32_t inner_up_unit_is_valid(uint32_t unit)
 {
     State& s = st();
     Guard g(s.lock);
-    return s.units.count(unit) ? 1 : 0;
+    return unitPresent(s, unit) ? 1 : 0;
 }
 
 uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
@@ -1364,9 +1411,9 @@ uint32_t usUp2Str(up handle, char* text, uint32_t flag)
     State& s = st();
     Guard g(s.lock);
     ++s.usUp2StrCalls;
-    auto it = s.nameCache.find(handle);
-    if (it == s.nameCache.end())
-        it = s.nameCache.emplace(handle, nameOf(s, handle)).first;
+    auto* it = s.nameCache.find(handle);
+    if (it == nullptr)
+        it = s.nameCache.insert(handle, nameOf(s, handle));
     // As snprintf with "%s" would: cut to the buffer, always terminated.
     size_t n = std::min(it->second.size(), (size_t)UP_STR_BUF - 1);
     memcpy(text, it->second.data(), n);
@@ -1409,8 +1456,12 @@ static const DhcpSnoopPortCfg& cfgOf(State& s, up port)
         memset(&c, 0, sizeof c);
         return c;
     }();
+    if (auto* known = s.cfgIndex.find(port))
+        return known->second != nullptr ? *known->second : kZero;
     auto it = s.portCfg.find(port);
-    return it != s.portCfg.end() ? it->second : kZero;
+    const DhcpSnoopPortCfg* at = it != s.portCfg.end() ? &it->second : nullptr;
+    s.cfgIndex.insert(port, at);
+    return at != nullptr ? *at : kZero;
 }
 
 uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
@@ -1514,6 +1565,7 @@ uint32_t swDhcpSnoopSetPortCfg(up port, const DhcpSnoopPortCfg* cfg)
     State& s = st();
     Guard g(s.lock);
     s.portCfg[port] = *cfg;
+    s.cfgIndex.clear();
     s.setPortCfgCalls.push_back(sim::SetPortCfgCall{port, *cfg});
     return 0;
 }
@@ -1533,8 +1585,8 @@ uint32_t swFdbGetEntry(FdbEntry* entry)
     uint32_t code;
     if (shouldFail("swFdbGetEntry", &code))
         return code;
-    auto it = s.fdb.find({mac, entry->vlan});
-    if (it == s.fdb.end())
+    auto* it = s.fdb.find(std::make_pair(mac, entry->vlan));
+    if (it == nullptr)
         return 1;
     entry->port = it->second.port;
     entry->word = it->second.word;
@@ -1807,6 +1859,7 @@ void reset()
     s.mac = kDefaultMac;
 
     s.portCfg.clear();
+    s.cfgIndex.clear();
     s.snoopVlans.clear();
     s.qAddStatus = 1;
     s.includeIpFilter = false;
@@ -1996,6 +2049,7 @@ DhcpSnoopPortCfg& portCfg(up port)
         DhcpSnoopPortCfg c;
         memset(&c, 0, sizeof c);
         it = s.portCfg.emplace(port, c).first;
+        s.cfgIndex.clear();
     }
     return it->second;
 }
@@ -2505,14 +2559,14 @@ void fdbSet(const Mac& mac, uint32_t vlan, up port, uint32_t word)
 {
     State& s = st();
     Guard g(s.lock);
-    s.fdb[{mac, vlan}] = FdbValue{port, word};
+    s.fdb.assign(std::make_pair(mac, vlan), FdbValue{port, word});
 }
 
 void fdbRemove(const Mac& mac, uint32_t vlan)
 {
     State& s = st();
     Guard g(s.lock);
-    s.fdb.erase({mac, vlan});
+    s.fdb.erase(std::make_pair(mac, vlan));
 }
 
 void fdbClear()
@@ -2526,8 +2580,8 @@ bool fdbFind(const Mac& mac, uint32_t vlan, up* port)
 {
     State& s = st();
     Guard g(s.lock);
-    auto it = s.fdb.find({mac, vlan});
-    if (it == s.fdb.end())
+    auto* it = s.fdb.find(std::make_pair(mac, vlan));
+    if (it == nullptr)
         return false;
     *port = it->second.port;
     return true;

@@ -73,6 +73,7 @@ constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
 constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 constexpr size_t kFrameCapacity = 2048;
 constexpr size_t kSpareFrames = 16;
+constexpr size_t kSpareSent = 16;
 constexpr uint32_t kDefaultPortCount = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
 const sim::Mac kDefaultMac = {0x00, 0x0e, 0x5e, 0x00, 0x00, 0x01};
@@ -411,6 +412,7 @@ struct State {
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
     std::vector<sim::SentPacket> sent;
+    std::vector<std::vector<uint8_t>> spareSent;  // buffers of cleared transmissions
 
     // forwarding database
     FlatMap<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
@@ -475,6 +477,7 @@ std::atomic<uint32_t> gSiteGeneration{0};
 // unknown (the line is composed).
 struct SiteCache {
     static constexpr size_t kSlots = 1024;  // the module has a few hundred lines
+    static_assert(kSlots == 1024, "home() yields 10 bits");
     // Zero-initialised per thread (no constructor to run): generation 0,
     // the first, and no site known.
     uint32_t generation;
@@ -484,8 +487,10 @@ struct SiteCache {
 
     static size_t home(const void* site)
     {
-        uintptr_t a = reinterpret_cast<uintptr_t>(site);
-        return (size_t)((a ^ (a >> 9)) * 2654435761u) % kSlots;
+        // The top bits of a multiplicative hash: return addresses a few
+        // bytes apart land far apart.
+        uint64_t a = (uint64_t)reinterpret_cast<uintptr_t>(site);
+        return (size_t)((a * 0x9E3779B97F4A7C15ull) >> 54);  // 10 bits: kSlots
     }
     // The slot of a known site, or kSlots.
     size_t find(const void* site) const
@@ -1613,14 +1618,20 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
         return code;
     if (!packet)
         return 1;
+    State& s = st();
+    Guard g(s.lock);
     sim::SentPacket p;
     p.ports = packet->ports;
     p.sendFlags = packet->sendFlags;
     p.vid = packet->vid;
+    // The buffer of a transmission cleared before, if any: a replay sends
+    // and clears one or two frames a frame.
+    if (!s.spareSent.empty()) {
+        p.frame.swap(s.spareSent.back());
+        s.spareSent.pop_back();
+    }
     if (packet->frame)
         p.frame.assign(packet->frame, packet->frame + packet->frameLen);
-    State& s = st();
-    Guard g(s.lock);
     s.sent.push_back(std::move(p));
     return 0;
 }
@@ -1894,6 +1905,7 @@ void reset()
     s.usUp2StrCalls = 0;
     gFromIndexCalls.store(0, std::memory_order_relaxed);
     s.sent.clear();
+    s.spareSent.clear();
 
     s.fdb.clear();
     s.fdbLookups.clear();
@@ -2550,6 +2562,12 @@ void clearSent()
 {
     State& s = st();
     Guard g(s.lock);
+    for (sim::SentPacket& p : s.sent) {
+        if (s.spareSent.size() >= kSpareSent)
+            break;
+        p.frame.clear();
+        s.spareSent.push_back(std::move(p.frame));
+    }
     s.sent.clear();
 }
 

@@ -108,7 +108,7 @@ static uint32_t dhcpSnoopFdbSlotEmpty(const FdbEntry *slot)
 
 static uint32_t dhcpSnoopFdbSlotMatches(const FdbEntry *slot, const FdbEntry *key)
 {
-    return memcmp(slot->mac, key->mac, sizeof(slot->mac)) == 0 && slot->vlan == key->vlan ? 1 : 0;
+    return slot->mac[5] == key->mac[5] && memcmp(slot->mac, key->mac, sizeof(slot->mac)) == 0 && slot->vlan == key->vlan ? 1 : 0;
 }
 
 /* Logs each port of a list; only called with the debug switch on. */

@@ -108,7 +108,7 @@ static uint32_t dhcpSnoopFdbSlotEmpty(const FdbEntry *slot)
 
 static uint32_t dhcpSnoopFdbSlotMatches(const FdbEntry *slot, const FdbEntry *key)
 {
-    return memcmp(slot->mac, key->mac, sizeof(slot->mac)) == 0 && slot->vlan == key->vlan ? 1 : 0;
+    return slot->mac[5] == key->mac[5] && memcmp(slot->mac, key->mac, sizeof(slot->mac)) == 0 && slot->vlan == key->vlan ? 1 : 0;
 }
 
 /* Logs each port of a list; only called with the debug switch on. */
@@ -346,7 +346,7 @@ uint16_t dhcpSnoopUdpChecksum(const uint8_t *ip)
     const uint8_t *udp;
     uint32_t udpLen;
     uint32_t sum;
-    uint32_t i;
+    uint32_t even;
 
     if (ip == NULL)
         return 0;
@@ -354,8 +354,8 @@ uint16_t dhcpSnoopUdpChecksum(const uint8_t *ip)
     udpLen = dhcpSnoopGet16(udp + 4);
     sum = dhcpSnoopGet16(ip + 12) + dhcpSnoopGet16(ip + 14) + dhcpSnoopGet16(ip + 16) +
           dhcpSnoopGet16(ip + 18) + 17u + udpLen;
-    for (i = 0; i + 1u < udpLen; i += 2u)
-        sum += dhcpSnoopGet16(udp + i);
+    even = udpLen & ~1u;
+    sum += dhcpSnoopSum16(udp, even);
     if (udpLen & 1u)
         sum += (uint32_t)udp[udpLen - 1u] << 8;
     return (uint16_t)~((sum & 0xFFFFu) + (sum >> 16));

@@ -107,27 +107,53 @@ static inline void dhcpSnoopSetHead(DhcpSnoopElement **table, uint32_t bucket, D
 {
     __atomic_store_n(&table[bucket], v, __ATOMIC_RELEASE);
 }
+/* Byte fields copied one atomic access per byte, written out: the compiler
+ * does not unroll loops of atomic accesses, and the element is copied
+ * several times a frame. */
+#define DHCP_SNOOP_LOAD_BYTE_(d, s, i) (d)[i] = __atomic_load_n(&(s)[i], __ATOMIC_RELAXED)
+#define DHCP_SNOOP_STORE_BYTE_(d, s, i) __atomic_store_n(&(d)[i], (s)[i], __ATOMIC_RELAXED)
+static inline void dhcpSnoopLoad4(uint8_t *d, const uint8_t *s)
+{
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 0);
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 1);
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 2);
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 3);
+}
+static inline void dhcpSnoopLoad6(uint8_t *d, const uint8_t *s)
+{
+    dhcpSnoopLoad4(d, s);
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 4);
+    DHCP_SNOOP_LOAD_BYTE_(d, s, 5);
+}
+static inline void dhcpSnoopStore4(uint8_t *d, const uint8_t *s)
+{
+    DHCP_SNOOP_STORE_BYTE_(d, s, 0);
+    DHCP_SNOOP_STORE_BYTE_(d, s, 1);
+    DHCP_SNOOP_STORE_BYTE_(d, s, 2);
+    DHCP_SNOOP_STORE_BYTE_(d, s, 3);
+}
+static inline void dhcpSnoopStore6(uint8_t *d, const uint8_t *s)
+{
+    dhcpSnoopStore4(d, s);
+    DHCP_SNOOP_STORE_BYTE_(d, s, 4);
+    DHCP_SNOOP_STORE_BYTE_(d, s, 5);
+}
 /* The binding fields, one atomic access each. A walker may still stand on an
  * element that another thread has just removed, given back and handed out
  * again: its reads must not race the pool's clearing or the new taker's
  * filling. Takers fill through dhcpSnoopElementStore (or the wire decoder). */
 static inline void dhcpSnoopElementLoad(const DhcpSnoopElement *e, DhcpSnoopElement *v)
 {
-    uint32_t i;
-
     v->ttl = __atomic_load_n(&e->ttl, __ATOMIC_RELAXED);
     v->opt82Pos = __atomic_load_n(&e->opt82Pos, __ATOMIC_RELAXED);
     v->endOptPos = __atomic_load_n(&e->endOptPos, __ATOMIC_RELAXED);
     v->vlan = __atomic_load_n(&e->vlan, __ATOMIC_RELAXED);
     v->type = __atomic_load_n(&e->type, __ATOMIC_RELAXED);
     v->isReuse = __atomic_load_n(&e->isReuse, __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->clientMac); i++)
-        v->clientMac[i] = __atomic_load_n(&e->clientMac[i], __ATOMIC_RELAXED);
+    dhcpSnoopLoad6(v->clientMac, e->clientMac);
     v->isBroadcast = __atomic_load_n(&e->isBroadcast, __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->clientIp); i++)
-        v->clientIp[i] = __atomic_load_n(&e->clientIp[i], __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->xid); i++)
-        v->xid[i] = __atomic_load_n(&e->xid[i], __ATOMIC_RELAXED);
+    dhcpSnoopLoad4(v->clientIp, e->clientIp);
+    dhcpSnoopLoad4(v->xid, e->xid);
     v->reserved = __atomic_load_n(&e->reserved, __ATOMIC_RELAXED);
     v->up = __atomic_load_n(&e->up, __ATOMIC_RELAXED);
     v->next = dhcpSnoopNext(e);
@@ -136,21 +162,16 @@ static inline void dhcpSnoopElementLoad(const DhcpSnoopElement *e, DhcpSnoopElem
 /* Every field but the links. */
 static inline void dhcpSnoopElementStore(DhcpSnoopElement *e, const DhcpSnoopElement *v)
 {
-    uint32_t i;
-
     __atomic_store_n(&e->ttl, v->ttl, __ATOMIC_RELAXED);
     __atomic_store_n(&e->opt82Pos, v->opt82Pos, __ATOMIC_RELAXED);
     __atomic_store_n(&e->endOptPos, v->endOptPos, __ATOMIC_RELAXED);
     __atomic_store_n(&e->vlan, v->vlan, __ATOMIC_RELAXED);
     __atomic_store_n(&e->type, v->type, __ATOMIC_RELAXED);
     __atomic_store_n(&e->isReuse, v->isReuse, __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->clientMac); i++)
-        __atomic_store_n(&e->clientMac[i], v->clientMac[i], __ATOMIC_RELAXED);
+    dhcpSnoopStore6(e->clientMac, v->clientMac);
     __atomic_store_n(&e->isBroadcast, v->isBroadcast, __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->clientIp); i++)
-        __atomic_store_n(&e->clientIp[i], v->clientIp[i], __ATOMIC_RELAXED);
-    for (i = 0; i < sizeof(e->xid); i++)
-        __atomic_store_n(&e->xid[i], v->xid[i], __ATOMIC_RELAXED);
+    dhcpSnoopStore4(e->clientIp, v->clientIp);
+    dhcpSnoopStore4(e->xid, v->xid);
     __atomic_store_n(&e->reserved, v->reserved, __ATOMIC_RELAXED);
     __atomic_store_n(&e->up, v->up, __ATOMIC_RELAXED);
 }
@@ -260,6 +281,18 @@ static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) { (void)fmt; }
 
 /* True when the debug switch is on: guards work done only for debug lines. */
 #define DHCP_SNOOP_DEBUG_ON() (debugFlagGet(MID_DHCP) == 1)
+
+/* The text of snprintf(buf, size, "%s %s%s", prefix, message, suffix). */
+void dhcpSnoopLogFormatJoin(char *buf, size_t size, const char *prefix, const char *message,
+                            const char *suffix);
+/* The text and result of snprintf(line, size, "%02x.%02x.%02x.%02x\t%02x:%02x:%02x:%02x:%02x:%02x"
+ * "\t%04x\t%11s\t%08x\t%08x\t\r\n", ...), the binding file's line; of portText
+ * at most UP_STR_BUF - 1 characters are read. */
+/* The sum of the big-endian 16-bit words of p's first len bytes (len even),
+ * as a plain integer: the same as adding them one by one. */
+uint32_t dhcpSnoopSum16(const uint8_t *p, uint32_t len);
+int dhcpSnoopBindingLineFormat(char *line, size_t size, const uint8_t ip[4], const uint8_t mac[6],
+                               uint32_t vlan, const char *portText, uint32_t ttl, uint32_t check);
 
 #ifdef __cplusplus
 }

@@ -112,7 +112,7 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
     uint32_t channels;
     uint32_t i;
     DHCP_SNOOP_UP_T port;
-
+    uint32_t fastKey = UP_INVALID; /* kind, unit and slot bits of the slot entered last, if its unit has words */
     /* A private copy: the platform calls below cannot change it, so the
      * compiler need not reload it after each. */
     for (i = 0; i < 6u; i++)
@@ -127,7 +127,10 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
         inner_up_from_index(&port, index, 1, __func__, __LINE__);
         if (port == UP_INVALID)
             break;
-        if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
+        if ((port & 0xFFFFFF00u) == fastKey && slotBase + UP_PORT(port) < 96u) {
+            n = slotBase + UP_PORT(port); /* the slot entered last, a port of its first three words */
+            word = unitWord + n / 32u;
+        } else if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
             if ((port & DS_UNIT_SLOT_MASK) != unitSlot) {
                 if (UP_UNIT(port) != unit) {
                     unit = UP_UNIT(port);
@@ -135,19 +138,17 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
                     /* A unit without a member in the list: skip its ports at once. */
                     if (unitWord <= 3u && (words[unitWord] | words[unitWord + 1u] | words[unitWord + 2u]) == 0) {
                         unit = UP_INVALID;
-                        unitSlot = UP_INVALID;
+                        unitSlot = fastKey = UP_INVALID;
                         index += DS_UNIT_INDEXES;
                         continue;
                     }
                 }
                 slotBase = inner_up_slotbaseoffset_get(UP_SLOT(port));
                 unitSlot = port & DS_UNIT_SLOT_MASK;
+                fastKey = unitWord <= 3u ? (port & 0xFFFFFF00u) : UP_INVALID;
             }
             n = slotBase + UP_PORT(port);
-            word = n / 32u;
-            if (word >= 3u)
-                word %= 3u;
-            word += unitWord;
+            word = (n / 32u >= 3u ? (n / 32u) % 3u : n / 32u) + unitWord;
         } else if (UP_KIND(port) == UP_TYPE_PORT_CHANNEL) {
             if (channels == 0)
                 break;
@@ -162,7 +163,6 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
             rcvPort = port;
             if (DHCP_SNOOP_DEBUG_ON()) {
                 char name[UP_STR_BUF];
-
                 memset(name, 0, sizeof(name));
                 usUp2Str(rcvPort, name, 1);
                 DHCP_SNOOP_DEBUG("rcvPort %s is swp:%d, is valid:%d", name,

@@ -32,10 +32,10 @@ extern "C" {
 static int dhcpSnoopFormatLine(const DhcpSnoopElement *e, const char *portText, uint32_t check,
                                char *line, size_t size)
 {
-    return snprintf(line, size, DHCP_SNOOP_FILE_LINE_FORMAT, e->clientIp[0], e->clientIp[1],
-                    e->clientIp[2], e->clientIp[3], e->clientMac[0], e->clientMac[1],
-                    e->clientMac[2], e->clientMac[3], e->clientMac[4], e->clientMac[5],
-                    (unsigned)e->vlan, portText, (unsigned)e->ttl, (unsigned)check);
+    /* DHCP_SNOOP_FILE_LINE_FORMAT, rendered without snprintf: every save
+     * renders the whole table. */
+    return dhcpSnoopBindingLineFormat(line, size, e->clientIp, e->clientMac, (unsigned)e->vlan,
+                                      portText, (unsigned)e->ttl, (unsigned)check);
 }
 
 uint32_t dhcpSnoopSaveDynEntry(DhcpSnoopElement **table, const char *path)

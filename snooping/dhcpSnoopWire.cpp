@@ -98,4 +98,27 @@ uint32_t dhcpSnoopRuntimeRecordDecode(const uint8_t in[DHCP_SNOOP_RUNTIME_RECORD
     return dhcpSnoopElementDecode(in + DHCP_SNOOP_REC_ELEMENT, element);
 }
 
+uint32_t dhcpSnoopSum16(const uint8_t *p, uint32_t len)
+{
+    /* Two lanes of 32 bits, each summing two 16-bit words per step: a lane
+     * stays below 2^31 for any len up to 65535. */
+    uint64_t lanes = 0;
+    uint32_t sum;
+    uint32_t i = 0;
+
+    for (; i + 8u <= len; i += 8u) {
+        uint64_t w;
+
+        memcpy(&w, p + i, sizeof(w));
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        w = __builtin_bswap64(w);
+#endif
+        lanes += ((w >> 16) & 0x0000FFFF0000FFFFull) + (w & 0x0000FFFF0000FFFFull);
+    }
+    sum = (uint32_t)(lanes >> 32) + (uint32_t)lanes;
+    for (; i + 1u < len; i += 2u)
+        sum += ((uint32_t)p[i] << 8) | p[i + 1u];
+    return sum;
+}
+
 }  // extern "C"

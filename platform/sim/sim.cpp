@@ -73,6 +73,7 @@ constexpr uint32_t kPortsPerUnit = portindex::kPortsPerUnit;
 constexpr uint32_t kMaxPortChannels = portindex::kMaxPortChannels;
 constexpr size_t kFrameCapacity = 2048;
 constexpr size_t kSpareFrames = 16;
+constexpr size_t kSpareSent = 16;
 constexpr uint32_t kDefaultPortCount = 28;
 constexpr uint32_t kDefaultPortChannels = 8;
 const sim::Mac kDefaultMac = {0x00, 0x0e, 0x5e, 0x00, 0x00, 0x01};
@@ -112,7 +113,8 @@ struct Queue {
     const uint8_t* front() const { return ring.data() + head * stride(); }
     void pop()
     {
-        head = (head + 1) % slots;
+        if (++head == slots)
+            head = 0;
         --count;
     }
     // A zeroed slot at the back (the caller checked the depth).
@@ -128,7 +130,10 @@ struct Queue {
             slots = grown;
             head = 0;
         }
-        uint8_t* at = ring.data() + ((head + count) % slots) * stride();
+        size_t back = head + count;
+        if (back >= slots)
+            back -= slots;
+        uint8_t* at = ring.data() + back * stride();
         memset(at, 0, stride());
         ++count;
         return at;
@@ -145,6 +150,115 @@ struct Thread {
 struct Frame {
     size_t capacity;
 };
+
+// A map for the tables a replay reads several times a frame: open
+// addressing (linear probing, deletion by shifting back) in a power-of-two
+// array, a multiplicative hash, no allocation per entry and no division.
+// Entries move when the table grows or an entry is erased: nobody keeps a
+// pointer to one across those.
+template <typename K, typename V, typename Hash>
+class FlatMap {
+public:
+    struct Slot {
+        K first{};
+        V second{};
+        bool used = false;
+    };
+
+    Slot* find(const K& key)
+    {
+        if (size_ == 0)
+            return nullptr;
+        for (size_t i = home(key);; i = (i + 1) & mask()) {
+            if (!slots_[i].used)
+                return nullptr;
+            if (slots_[i].first == key)
+                return &slots_[i];
+        }
+    }
+    // As a map's insert: a key already there keeps its value.
+    Slot* insert(const K& key, const V& value)
+    {
+        if ((size_ + 1) * 2 > slots_.size())
+            grow();
+        size_t i = home(key);
+        for (; slots_[i].used; i = (i + 1) & mask())
+            if (slots_[i].first == key)
+                return &slots_[i];
+        slots_[i].first = key;
+        slots_[i].second = value;
+        slots_[i].used = true;
+        ++size_;
+        return &slots_[i];
+    }
+    void assign(const K& key, const V& value) { insert(key, value)->second = value; }
+    void erase(Slot* slot)
+    {
+        size_t i = (size_t)(slot - slots_.data());
+        for (size_t j = (i + 1) & mask(); slots_[j].used; j = (j + 1) & mask()) {
+            size_t h = home(slots_[j].first);
+            // Stays where it is when its home lies cyclically in (i, j].
+            bool stays = i < j ? (h > i && h <= j) : (h > i || h <= j);
+            if (!stays) {
+                slots_[i] = std::move(slots_[j]);
+                i = j;
+            }
+        }
+        slots_[i] = Slot{};
+        --size_;
+    }
+    bool erase(const K& key)
+    {
+        Slot* slot = find(key);
+        if (slot == nullptr)
+            return false;
+        erase(slot);
+        return true;
+    }
+    size_t size() const { return size_; }
+    template <typename F>
+    void forEach(F f)
+    {
+        for (Slot& slot : slots_)
+            if (slot.used)
+                f(slot);
+    }
+    void clear()
+    {
+        slots_.clear();
+        size_ = 0;
+    }
+
+private:
+    size_t mask() const { return slots_.size() - 1; }
+    size_t home(const K& key) const
+    {
+        return (size_t)((Hash()(key) * 0x9E3779B97F4A7C15ull) >> 32) & mask();
+    }
+    void grow()
+    {
+        std::vector<Slot> old;
+        old.swap(slots_);
+        slots_.resize(old.empty() ? 16 : old.size() * 2);
+        size_ = 0;
+        for (Slot& slot : old)
+            if (slot.used)
+                insert(slot.first, slot.second);
+    }
+    std::vector<Slot> slots_;
+    size_t size_ = 0;
+};
+
+struct PtrHash {
+    uint64_t operator()(const void* p) const { return (uint64_t)reinterpret_cast<uintptr_t>(p); }
+};
+struct U32Hash {
+    uint64_t operator()(uint32_t v) const { return v; }
+};
+
+// Frame buffers by address: the replay hands one out and takes it back
+// every frame.
+using FrameTable = FlatMap<uint8_t*, Frame, PtrHash>;
 
 struct FdbValue {
     up port;
@@ -166,15 +280,29 @@ public:
     }
     bool isOneThread() const { return only_.load(std::memory_order_relaxed) != 0; }
 
+    // The one-thread case inline (a replay makes some sixty calls a frame),
+    // the rest out of line.
     void lock()
     {
-        uintptr_t me = self();
         uintptr_t only = only_.load(std::memory_order_relaxed);
-        if (only != 0) {
-            if (only != me)
+        if (__builtin_expect(only != 0, 1)) {
+            if (__builtin_expect(only != self(), 0))
                 secondThread();
             return;
         }
+        lockShared();
+    }
+    void unlock()
+    {
+        if (__builtin_expect(only_.load(std::memory_order_relaxed) != 0, 1))
+            return;
+        unlockShared();
+    }
+
+private:
+    __attribute__((noinline)) void lockShared()
+    {
+        uintptr_t me = self();
         if (owner_.load(std::memory_order_relaxed) == me) {
             ++depth_;
             return;
@@ -188,17 +316,13 @@ public:
         owner_.store(me, std::memory_order_relaxed);
         depth_ = 1;
     }
-    void unlock()
+    __attribute__((noinline)) void unlockShared()
     {
-        if (only_.load(std::memory_order_relaxed) != 0)
-            return;
         if (--depth_ == 0) {
             owner_.store(0, std::memory_order_relaxed);
             busy_.store(false, std::memory_order_release);
         }
     }
-
-private:
     [[noreturn]] __attribute__((noinline)) static void secondThread()
     {
         fputs("sim: a platform call from a second thread in one-thread mode\n", stderr);
@@ -233,6 +357,7 @@ struct State {
     // switch model
     uint32_t unit = 1;
     std::set<uint32_t> units{1};
+    uint64_t unitBits = 1ull << 1;  // the members below 64, by bit
     std::map<uint32_t, uint32_t> portCounts;
     uint32_t portChannels = kDefaultPortChannels;
     std::set<up> provisioned;
@@ -278,8 +403,8 @@ struct State {
     uint32_t timerSerial = 0;
 
     // frames and transmission
-    std::unordered_map<uint8_t*, Frame> liveFrames;
-    std::unordered_map<uint8_t*, Frame> releasedFrames;
+    FrameTable liveFrames;
+    FrameTable releasedFrames;
     std::deque<uint8_t*> releaseOrder;  // releasedFrames, oldest first
     // Buffers of the usual capacity no longer reserved, for the next frames.
     std::vector<uint8_t*> spareFrames;
@@ -287,9 +412,10 @@ struct State {
     size_t releaseCount = 0;
     size_t usUp2StrCalls = 0;
     std::vector<sim::SentPacket> sent;
+    std::vector<std::vector<uint8_t>> spareSent;  // buffers of cleared transmissions
 
     // forwarding database
-    std::unordered_map<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
+    FlatMap<std::pair<sim::Mac, uint32_t>, FdbValue, MacVlanHash> fdb;
     std::vector<sim::FdbLookup> fdbLookups;
 
     // The source-guard table: slots in the order entries came, a deleted
@@ -301,7 +427,11 @@ struct State {
     std::unordered_map<uint64_t, std::vector<uint32_t>> qtableIndex;  // slots, ascending
 
     // usUp2Str's texts: the module asks for a port's text several times a frame.
-    std::unordered_map<up, std::string> nameCache;
+    FlatMap<up, std::string, U32Hash> nameCache;
+    // Where each port's configuration is, found once (nullptr: none): the
+    // module reads a port's configuration several times a frame. Cleared
+    // whenever portCfg gains an entry.
+    FlatMap<up, const DhcpSnoopPortCfg*, U32Hash> cfgIndex;
 
     sim::StkRegistrations stk;
     std::vector<std::vector<uint8_t>> runtimeRecords;
@@ -331,6 +461,9 @@ std::atomic<size_t> gFromIndexCalls{0};
 // debug is on stays unknown.
 thread_local const void* tFlagSite = nullptr;
 thread_local bool tNamed = false;
+// The site's format was wanted before: its line goes on to the line filter
+// without the format being classified again.
+thread_local bool tSiteWanted = false;
 // Asked before every line the module might write: answered without the lock.
 std::atomic<uint32_t> gDebugFlag{0};
 // With a log filter: per call site of debugFlagGet, whether the filter
@@ -343,7 +476,12 @@ std::atomic<uint32_t> gSiteGeneration{0};
 // cache beside the module's own data. A site it has no room for stays
 // unknown (the line is composed).
 struct SiteCache {
-    static constexpr size_t kSlots = 1024;  // the module has a few hundred lines
+    // The module has a few hundred lines; a replay reaches some sixty sites.
+    // Kept small (4.5 KB) so that it stays in the cache beside the module's
+    // own data.
+    static constexpr size_t kSlots = 512;
+    static constexpr unsigned kBits = 9;
+    static_assert(kSlots == (size_t)1 << kBits, "home() yields kBits bits");
     // Zero-initialised per thread (no constructor to run): generation 0,
     // the first, and no site known.
     uint32_t generation;
@@ -353,8 +491,10 @@ struct SiteCache {
 
     static size_t home(const void* site)
     {
-        uintptr_t a = reinterpret_cast<uintptr_t>(site);
-        return (size_t)((a ^ (a >> 9)) * 2654435761u) % kSlots;
+        // The top bits of a multiplicative hash: return addresses a few
+        // bytes apart land far apart.
+        uint64_t a = (uint64_t)reinterpret_cast<uintptr_t>(site);
+        return (size_t)((a * 0x9E3779B97F4A7C15ull) >> (64 - kBits));
     }
     // The slot of a known site, or kSlots.
     size_t find(const void* site) const
@@ -407,10 +547,21 @@ inline SiteCache& siteCache()
 // Never destroyed: threads still running at exit may use it, and blocks it
 // tracks stay reachable for the leak checker.
 // (Made on first use: a test's static objects may call the platform.)
-inline State& st()
+std::atomic<State*> gState{nullptr};
+
+__attribute__((noinline)) State& stMake()
 {
     static State* s = new State;
+    gState.store(s, std::memory_order_release);
     return *s;
+}
+
+inline State& st()
+{
+    State* s = gState.load(std::memory_order_acquire);
+    if (__builtin_expect(s != nullptr, 1))
+        return *s;
+    return stMake();
 }
 
 using Guard = std::lock_guard<SimLock>;
@@ -535,7 +686,20 @@ void allocEvent(State& s, const char* what, size_t size, const std::string& tag)
 uint32_t maxUnit(const State& s) { return s.units.empty() ? 0 : *s.units.rbegin(); }
 
 // After any change of the units, under the lock.
-void noteUnits(const State& s) { gMaxUnit.store(maxUnit(s), std::memory_order_relaxed); }
+void noteUnits(State& s)
+{
+    gMaxUnit.store(maxUnit(s), std::memory_order_relaxed);
+    s.unitBits = 0;
+    for (uint32_t u : s.units)
+        if (u < 64)
+            s.unitBits |= 1ull << u;
+}
+
+// Whether unit is a present member: asked for every port validity test.
+bool unitPresent(const State& s, uint32_t unit)
+{
+    return unit < 64 ? (s.unitBits >> unit & 1u) != 0 : s.units.count(unit) != 0;
+}
 
 uint32_t portCountOf(const State& s, uint32_t unit)
 {
@@ -574,13 +738,12 @@ void freeEverything(State& s)
     for (auto& a : s.allocs)
         free(a.first);
     s.allocs.clear();
-    for (auto& f : s.liveFrames)
-        free(f.first);
+    s.liveFrames.forEach([](FrameTable::Slot& f) { free(f.first); });
     s.liveFrames.clear();
-    for (auto& f : s.releasedFrames) {
+    s.releasedFrames.forEach([](FrameTable::Slot& f) {
         SIM_UNPOISON(f.first, f.second.capacity);
         free(f.first);
-    }
+    });
     s.releasedFrames.clear();
     s.releaseOrder.clear();
     for (uint8_t* p : s.spareFrames)
@@ -1058,9 +1221,12 @@ uint32_t debugFlagGet(uint32_t mid)
     SiteCache& c = siteCache();
     // Nearly always found at once: no probing, no call.
     size_t home = SiteCache::home(site);
-    if (c.sites[home] == site)
+    if (c.sites[home] == site) {
+        tSiteWanted = c.wanted[home];
         return c.wanted[home] ? 1 : 0;
+    }
     size_t at = c.sites[home] == nullptr ? SiteCache::kSlots : c.find(site);
+    tSiteWanted = at != SiteCache::kSlots && c.wanted[at];
     return at != SiteCache::kSlots && !c.wanted[at] ? 0 : 1;
 }
 
@@ -1071,8 +1237,9 @@ int debugPrintf(uint32_t mid, const char* format, ...)
         return 0;
     bool (*filter)(const char*) = gLogFilter.load(std::memory_order_relaxed);
     if (filter != nullptr) {
-        bool wanted = filter(format);
-        if (tFlagSite != nullptr && tNamed)
+        bool known = tFlagSite != nullptr && tNamed;
+        bool wanted = known && tSiteWanted ? true : filter(format);
+        if (known && !tSiteWanted)
             siteCache().set(tFlagSite, wanted);
         tFlagSite = nullptr;
         if (!wanted)
@@ -1171,25 +1338,19 @@ __attribute__((noinline)) static void fillIndexTable(up* handles, uint32_t* coun
     *kept = maxUnit;
 }
 
-uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
-                             uint32_t line)
+// The module walks every running index of a port list, frame after frame:
+// each thread keeps the handles of the current stack.
+struct IndexTable {
+    uint32_t maxUnit;  // 0: nothing kept yet
+    uint32_t count;
+    up handles[kIndexTable];
+};
+static thread_local IndexTable tIndexTable;
+
+__attribute__((noinline)) static uint32_t fromIndexSlow(up* handle, uint32_t index, uint32_t flag,
+                                                        uint32_t maxUnit)
 {
-    (void)func;
-    (void)line;
-    if (!handle)
-        return 1;
-    // Counted exactly by one thread (the tests that count have one); racing
-    // threads may lose counts rather than pay a locked instruction each.
-    gFromIndexCalls.store(gFromIndexCalls.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-    uint32_t maxUnit = gMaxUnit.load(std::memory_order_relaxed);
-    // The module walks every running index of a port list, frame after
-    // frame: each thread keeps the handles of the current stack.
-    thread_local struct {
-        uint32_t maxUnit;  // 0: nothing kept yet
-        uint32_t count;
-        up handles[kIndexTable];
-    } table;
+    IndexTable& table = tIndexTable;
     if (flag == 1) {
         if (table.maxUnit != maxUnit)
             fillIndexTable(table.handles, &table.count, &table.maxUnit, maxUnit);
@@ -1202,13 +1363,33 @@ uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const ch
     return portindex::fromIndex(handle, index, flag, maxUnit);
 }
 
+uint32_t inner_up_from_index(up* handle, uint32_t index, uint32_t flag, const char* func,
+                             uint32_t line)
+{
+    (void)func;
+    (void)line;
+    if (!handle)
+        return 1;
+    // Counted exactly by one thread (the tests that count have one); racing
+    // threads may lose counts rather than pay a locked instruction each.
+    gFromIndexCalls.store(gFromIndexCalls.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    uint32_t maxUnit = gMaxUnit.load(std::memory_order_relaxed);
+    const IndexTable& table = tIndexTable;
+    if (__builtin_expect(flag == 1 && table.maxUnit == maxUnit && index < table.count, 1)) {
+        *handle = table.handles[index];
+        return 0;
+    }
+    return fromIndexSlow(handle, index, flag, maxUnit);
+}
+
 uint32_t inner_up_is_valid(up handle)
 {
     State& s = st();
     Guard g(s.lock);
     if (UP_KIND(handle) == UP_TYPE_PHYSICAL) {
         uint32_t unit = UP_UNIT(handle);
-        return s.units.count(unit) && portindex::validPhysical(handle, portCountOf(s, unit)) ? 1 : 0;
+        return unitPresent(s, unit) && portindex::validPhysical(handle, portCountOf(s, unit)) ? 1 : 0;
     }
     return portindex::validChannel(handle, s.portChannels) ? 1 : 0;
 }
@@ -1224,7 +1405,7 @@ uint32_t inner_up_unit_is_valid(uint32_t unit)
 {
     State& s = st();
     Guard g(s.lock);
-    return s.units.count(unit) ? 1 : 0;
+    return unitPresent(s, unit) ? 1 : 0;
 }
 
 uint32_t inner_up_unitbase_get(uint32_t unit) { return portindex::unitBase(unit); }
@@ -1239,9 +1420,9 @@ uint32_t usUp2Str(up handle, char* text, uint32_t flag)
     State& s = st();
     Guard g(s.lock);
     ++s.usUp2StrCalls;
-    auto it = s.nameCache.find(handle);
-    if (it == s.nameCache.end())
-        it = s.nameCache.emplace(handle, nameOf(s, handle)).first;
+    auto* it = s.nameCache.find(handle);
+    if (it == nullptr)
+        it = s.nameCache.insert(handle, nameOf(s, handle));
     // As snprintf with "%s" would: cut to the buffer, always terminated.
     size_t n = std::min(it->second.size(), (size_t)UP_STR_BUF - 1);
     memcpy(text, it->second.data(), n);
@@ -1284,8 +1465,12 @@ static const DhcpSnoopPortCfg& cfgOf(State& s, up port)
         memset(&c, 0, sizeof c);
         return c;
     }();
+    if (auto* known = s.cfgIndex.find(port))
+        return known->second != nullptr ? *known->second : kZero;
     auto it = s.portCfg.find(port);
-    return it != s.portCfg.end() ? it->second : kZero;
+    const DhcpSnoopPortCfg* at = it != s.portCfg.end() ? &it->second : nullptr;
+    s.cfgIndex.insert(port, at);
+    return at != nullptr ? *at : kZero;
 }
 
 uint32_t swDhcpSnoopGetPortTrust(up port, uint8_t* trust)
@@ -1314,6 +1499,19 @@ uint32_t swDhcpSnoopGetPortMacVerify(up port, uint8_t* macVerify)
     return 0;
 }
 
+// The port configuration (522 bytes) is read several times a frame: copied
+// by the C library, not by the compiler's inline string move, which is slow
+// to start. Kept out of line and opaque so that the size stays a variable.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((noinline, noipa))
+#else
+__attribute__((noinline))
+#endif
+static void copyBytes(void* to, const void* from, size_t n)
+{
+    memcpy(to, from, n);
+}
+
 uint32_t swDhcpSnoopGetPortCfg(up port, DhcpSnoopPortCfg* cfg)
 {
     uint32_t code;
@@ -1323,7 +1521,7 @@ uint32_t swDhcpSnoopGetPortCfg(up port, DhcpSnoopPortCfg* cfg)
         return 1;
     State& s = st();
     Guard g(s.lock);
-    *cfg = cfgOf(s, port);
+    copyBytes(cfg, &cfgOf(s, port), sizeof *cfg);
     return 0;
 }
 
@@ -1389,6 +1587,7 @@ uint32_t swDhcpSnoopSetPortCfg(up port, const DhcpSnoopPortCfg* cfg)
     State& s = st();
     Guard g(s.lock);
     s.portCfg[port] = *cfg;
+    s.cfgIndex.clear();
     s.setPortCfgCalls.push_back(sim::SetPortCfgCall{port, *cfg});
     return 0;
 }
@@ -1408,8 +1607,8 @@ uint32_t swFdbGetEntry(FdbEntry* entry)
     uint32_t code;
     if (shouldFail("swFdbGetEntry", &code))
         return code;
-    auto it = s.fdb.find({mac, entry->vlan});
-    if (it == s.fdb.end())
+    auto* it = s.fdb.find(std::make_pair(mac, entry->vlan));
+    if (it == nullptr)
         return 1;
     entry->port = it->second.port;
     entry->word = it->second.word;
@@ -1436,14 +1635,20 @@ uint32_t norvikPacketSend(DhcpSnoopPacket* packet)
         return code;
     if (!packet)
         return 1;
+    State& s = st();
+    Guard g(s.lock);
     sim::SentPacket p;
     p.ports = packet->ports;
     p.sendFlags = packet->sendFlags;
     p.vid = packet->vid;
+    // The buffer of a transmission cleared before, if any: a replay sends
+    // and clears one or two frames a frame.
+    if (!s.spareSent.empty()) {
+        p.frame.swap(s.spareSent.back());
+        s.spareSent.pop_back();
+    }
     if (packet->frame)
         p.frame.assign(packet->frame, packet->frame + packet->frameLen);
-    State& s = st();
-    Guard g(s.lock);
     s.sent.push_back(std::move(p));
     return 0;
 }
@@ -1452,20 +1657,20 @@ void dhcpReleasePacketPool(uint8_t* frame)
 {
     State& s = st();
     Guard g(s.lock);
-    auto it = s.liveFrames.find(frame);
-    if (it == s.liveFrames.end()) {
+    FrameTable::Slot* it = s.liveFrames.find(frame);
+    if (it == nullptr) {
         ++s.badReleases;
         return;
     }
     ++s.releaseCount;
     SIM_POISON(it->first, it->second.capacity);
-    s.releasedFrames.insert(*it);
+    s.releasedFrames.insert(it->first, it->second);
     s.releaseOrder.push_back(it->first);
     s.liveFrames.erase(it);
     while (s.releaseOrder.size() > s.recording.releasedFrames) {
-        auto old = s.releasedFrames.find(s.releaseOrder.front());
+        FrameTable::Slot* old = s.releasedFrames.find(s.releaseOrder.front());
         s.releaseOrder.pop_front();
-        if (old == s.releasedFrames.end())
+        if (old == nullptr)
             continue;
         SIM_UNPOISON(old->first, old->second.capacity);
         if (old->second.capacity == kFrameCapacity && s.spareFrames.size() < kSpareFrames)
@@ -1682,6 +1887,7 @@ void reset()
     s.mac = kDefaultMac;
 
     s.portCfg.clear();
+    s.cfgIndex.clear();
     s.snoopVlans.clear();
     s.qAddStatus = 1;
     s.includeIpFilter = false;
@@ -1716,6 +1922,7 @@ void reset()
     s.usUp2StrCalls = 0;
     gFromIndexCalls.store(0, std::memory_order_relaxed);
     s.sent.clear();
+    s.spareSent.clear();
 
     s.fdb.clear();
     s.fdbLookups.clear();
@@ -1871,6 +2078,7 @@ DhcpSnoopPortCfg& portCfg(up port)
         DhcpSnoopPortCfg c;
         memset(&c, 0, sizeof c);
         it = s.portCfg.emplace(port, c).first;
+        s.cfgIndex.clear();
     }
     return it->second;
 }
@@ -2322,7 +2530,11 @@ uint8_t* newFrameOf(const uint8_t* bytes, size_t len, size_t cap)
     if (len != 0)
         memcpy(p, bytes, len);
     Guard g(s.lock);
-    s.liveFrames[p] = Frame{cap};
+    // A fresh buffer cannot be listed: whatever had its address was freed.
+    if (FrameTable::Slot* stale = s.liveFrames.find(p))
+        stale->second = Frame{cap};
+    else
+        s.liveFrames.insert(p, Frame{cap});
     return p;
 }
 
@@ -2367,6 +2579,12 @@ void clearSent()
 {
     State& s = st();
     Guard g(s.lock);
+    for (sim::SentPacket& p : s.sent) {
+        if (s.spareSent.size() >= kSpareSent)
+            break;
+        p.frame.clear();
+        s.spareSent.push_back(std::move(p.frame));
+    }
     s.sent.clear();
 }
 
@@ -2376,14 +2594,14 @@ void fdbSet(const Mac& mac, uint32_t vlan, up port, uint32_t word)
 {
     State& s = st();
     Guard g(s.lock);
-    s.fdb[{mac, vlan}] = FdbValue{port, word};
+    s.fdb.assign(std::make_pair(mac, vlan), FdbValue{port, word});
 }
 
 void fdbRemove(const Mac& mac, uint32_t vlan)
 {
     State& s = st();
     Guard g(s.lock);
-    s.fdb.erase({mac, vlan});
+    s.fdb.erase(std::make_pair(mac, vlan));
 }
 
 void fdbClear()
@@ -2397,8 +2615,8 @@ bool fdbFind(const Mac& mac, uint32_t vlan, up* port)
 {
     State& s = st();
     Guard g(s.lock);
-    auto it = s.fdb.find({mac, vlan});
-    if (it == s.fdb.end())
+    auto* it = s.fdb.find(std::make_pair(mac, vlan));
+    if (it == nullptr)
         return false;
     *port = it->second.port;
     return true;

@@ -108,7 +108,8 @@ void clearLogs();
 // is neither formatted nor recorded (debugPrintf returns 0). With the debug
 // switch at 1, the module's call site of such a line is then answered 0 by
 // debugFlagGet, so the module does not even compose it again (composing asks
-// the kernel for the thread name). nullptr (the default): every line.
+// the kernel for the thread name); a site whose line it wanted is not asked
+// again (a site composes one format). nullptr (the default): every line.
 // lineWanted, when given, is asked next for each line its format let
 // through, with the line's arguments (a copy): a line it declines is not
 // formatted or recorded either, and its site is asked again next time.

@@ -108,6 +108,27 @@ bool mayMatter(const char* start, size_t len)
         size_t m = n < len ? n : len;
         return memcmp(start, text, m) == 0;
     };
+    // The first bytes of all texts, so that most lines are sorted out by one
+    // look-up (the replay asks for nearly every line of a frame).
+    struct FirstBytes {
+        bool any[256] = {};
+        bool empty = false;
+        FirstBytes()
+        {
+            for (size_t i = 0; i < kRuleCount; ++i)
+                note(kRules[i].text);
+            note(kModuleErrorStart);
+        }
+        void note(const char* text)
+        {
+            if (text[0] == '\0')
+                empty = true;
+            any[(unsigned char)text[0]] = true;
+        }
+    };
+    static const FirstBytes kFirst;
+    if (len != 0 && !kFirst.empty && !kFirst.any[(unsigned char)start[0]])
+        return false;
     for (size_t i = 0; i < kRuleCount; ++i)
         if (related(kRules[i].text))
             return true;
@@ -271,22 +292,46 @@ bool lineMayMatter(const char* format, va_list args)
     static const char kPrefix[] = DHCP_SNOOP_DEBUG_PREFIX " ";
     if (strncmp(format, kPrefix, sizeof kPrefix - 1) != 0)
         return true;
-    // The prefix's own arguments come first: skipped by their conversions.
-    for (const char* c = kPrefix; *c != '\0'; ++c) {
-        if (*c != '%')
-            continue;
-        ++c;
-        if (*c == 's')
+    // The prefix's own arguments come first: skipped by their conversions,
+    // read from the prefix once.
+    struct PrefixArgs {
+        char kinds[sizeof kPrefix];  // 's' or 'd' for each conversion, then 0
+        bool readable = true;
+        PrefixArgs()
+        {
+            size_t n = 0;
+            for (const char* c = kPrefix; *c != '\0'; ++c) {
+                if (*c != '%')
+                    continue;
+                ++c;
+                if (*c == 's' || *c == 'd')
+                    kinds[n++] = *c;
+                else if (*c != '%')
+                    readable = false;
+            }
+            kinds[n] = '\0';
+        }
+    };
+    static const PrefixArgs kArgs;
+    if (!kArgs.readable)
+        return true;  // a prefix this cannot read: formatted whole
+    for (const char* k = kArgs.kinds; *k != '\0'; ++k) {
+        if (*k == 's')
             (void)va_arg(args, const char*);
-        else if (*c == 'd')
+        else
             (void)va_arg(args, int);
-        else if (*c != '%')
-            return true;  // a prefix this cannot read: formatted whole
     }
     const char* body = format + sizeof kPrefix - 1;
     // A message that is one text and line ends (a function's name, say)
     // is looked at where it stands.
-    if (body[0] == '%' && body[1] == 's' && body[2 + strspn(body + 2, "\r\n")] == '\0') {
+    bool oneText = body[0] == '%' && body[1] == 's';
+    if (oneText) {
+        const char* end = body + 2;
+        while (*end == '\r' || *end == '\n')
+            ++end;
+        oneText = *end == '\0';
+    }
+    if (oneText) {
         const char* text = va_arg(args, const char*);
         if (text == nullptr)
             return true;

@@ -54,7 +54,7 @@ void dhcpSnoopLogCompose(DhcpSnoopLogBuf *buf, const char *prefix, const char *m
     memset(buf->threadName, 0, sizeof(buf->threadName));
     memset(buf->format, 0, sizeof(buf->format));
     prctl(PR_GET_NAME, buf->threadName);
-    dhcpSnoopLogFormatJoin(buf->format, sizeof(buf->format), prefix, message, suffix);
+    snprintf(buf->format, sizeof(buf->format), "%s %s%s", prefix, message, suffix);
 }
 
 uint32_t dhcpSnoopErrorEnabled(void)

@@ -282,9 +282,6 @@ static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) { (void)fmt; }
 /* True when the debug switch is on: guards work done only for debug lines. */
 #define DHCP_SNOOP_DEBUG_ON() (debugFlagGet(MID_DHCP) == 1)
 
-/* The text of snprintf(buf, size, "%s %s%s", prefix, message, suffix). */
-void dhcpSnoopLogFormatJoin(char *buf, size_t size, const char *prefix, const char *message,
-                            const char *suffix);
 /* The text and result of snprintf(line, size, "%02x.%02x.%02x.%02x\t%02x:%02x:%02x:%02x:%02x:%02x"
  * "\t%04x\t%11s\t%08x\t%08x\t\r\n", ...), the binding file's line; of portText
  * at most UP_STR_BUF - 1 characters are read. */

@@ -1,38 +1,11 @@
-// Texts composed often enough that snprintf's cost shows: the format of every
-// log line and the lines of the binding file. Each writes exactly what the
-// snprintf call named in its comment would.
+// The binding file's lines, composed often enough (every save renders the
+// whole table) that snprintf's cost shows. Writes exactly what the snprintf
+// call named in its declaration would.
 #include <string.h>
 
 #include "snooping/dhcpSnoopInternal.h"
 
 extern "C" {
-
-/* Appends text at *at, cut where the buffer ends (its last byte stays for
- * the terminator). */
-static void dhcpSnoopTextAppend(char *buf, size_t size, size_t *at, const char *text)
-{
-    size_t n;
-
-    if (text == NULL)
-        text = "(null)";
-    n = strnlen(text, size - 1u - *at);
-    memcpy(buf + *at, text, n);
-    *at += n;
-}
-
-void dhcpSnoopLogFormatJoin(char *buf, size_t size, const char *prefix, const char *message,
-                            const char *suffix)
-{
-    size_t at = 0;
-
-    if (size == 0)
-        return;
-    dhcpSnoopTextAppend(buf, size, &at, prefix);
-    dhcpSnoopTextAppend(buf, size, &at, " ");
-    dhcpSnoopTextAppend(buf, size, &at, message);
-    dhcpSnoopTextAppend(buf, size, &at, suffix);
-    buf[at] = '\0';
-}
 
 /* value in lower-case hex, at least width digits ("%0<width>x"). */
 static char *dhcpSnoopTextHex(char *out, uint32_t value, uint32_t width)

@@ -10,49 +10,6 @@ namespace {
 
 class TextTest : public SnoopTest {};
 
-std::string viaSnprintf(size_t size, const char* prefix, const char* message, const char* suffix)
-{
-    std::vector<char> buf(size + 1, 'x');
-    snprintf(buf.data(), size, "%s %s%s", prefix, message, suffix);
-    return std::string(buf.data());
-}
-
-std::string viaJoin(size_t size, const char* prefix, const char* message, const char* suffix)
-{
-    std::vector<char> buf(size + 1, 'x');
-    dhcpSnoopLogFormatJoin(buf.data(), size, prefix, message, suffix);
-    return std::string(buf.data());
-}
-
-TEST_F(TextTest, LogFormatIsSnprintfsText)
-{
-    const std::string longMessage(400, 'm');
-    struct Case {
-        size_t size;
-        const char* prefix;
-        const char* message;
-        const char* suffix;
-    };
-    const Case cases[] = {
-        {256, DHCP_SNOOP_DEBUG_PREFIX, "vid = %d", DHCP_SNOOP_DEBUG_SUFFIX},
-        {256, DHCP_SNOOP_ERROR_PREFIX, "E - %d call %s failed.", DHCP_SNOOP_ERROR_SUFFIX},
-        {256, DHCP_SNOOP_DEBUG_PREFIX, "", DHCP_SNOOP_DEBUG_SUFFIX},
-        {256, "", "", ""},
-        // Cut where the buffer ends, in each of the four pieces.
-        {256, DHCP_SNOOP_DEBUG_PREFIX, longMessage.c_str(), DHCP_SNOOP_DEBUG_SUFFIX},
-        {10, DHCP_SNOOP_DEBUG_PREFIX, "x", "\r\n"},
-        {24, DHCP_SNOOP_DEBUG_PREFIX, "x", "\r\n"},
-        {25, DHCP_SNOOP_DEBUG_PREFIX, "x", "\r\n"},
-        {27, DHCP_SNOOP_DEBUG_PREFIX, "x", "\r\n"},
-        {1, "a", "b", "c"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.size) + " " + c.message);
-        EXPECT_EQ(viaJoin(c.size, c.prefix, c.message, c.suffix),
-                  viaSnprintf(c.size, c.prefix, c.message, c.suffix));
-    }
-}
-
 TEST_F(TextTest, BindingLineIsSnprintfsText)
 {
     struct Case {

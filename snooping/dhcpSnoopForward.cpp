@@ -721,15 +721,12 @@ uint32_t dhcpSnoopPacketForward(DhcpSnoopPacket *pkt, DhcpSnoopElement *ele)
     uint32_t newLen = 0;
     uint32_t typeBit;
     uint32_t rv;
+    char text[UP_STR_BUF];
 
     if (pkt == NULL || ele == NULL)
         return DHCP_SNOOP_E_PARAM;
-    if (DHCP_SNOOP_DEBUG_ON()) {
-        char text[UP_STR_BUF];
-        memset(text, 0, sizeof(text));
-        usUp2Str(rcvPort, text, 1);
-        DHCP_SNOOP_DEBUG("~~~~~DSPacketForward broadcast: %d,  rcvdPort: %s~~~~~\r\n", ele->isBroadcast, text);
-    }
+    DHCP_SNOOP_DEBUG("~~~~~DSPacketForward broadcast: %d,  rcvdPort: %s~~~~~\r\n", ele->isBroadcast,
+                     dhcpSnoopUpText(rcvPort, text));
 
     memset(&fwdPortList, 0, sizeof(fwdPortList));
     DHCP_SNOOP_CALL(rv, dhcpSnoopPacketSetSendFlag(pkt, &fwdPortList));

@@ -282,6 +282,16 @@ static inline void dhcpSnoopLogFormatCheck(const char *fmt, ...) { (void)fmt; }
 /* True when the debug switch is on: guards work done only for debug lines. */
 #define DHCP_SNOOP_DEBUG_ON() (debugFlagGet(MID_DHCP) == 1)
 
+/* The port's printable name in text (UP_STR_BUF bytes), returned for use as
+ * a line's argument: there it is asked for only when the line is written,
+ * where a separate guard would ask for it whenever debug is on. */
+static inline const char *dhcpSnoopUpText(DHCP_SNOOP_UP_T handle, char *text)
+{
+    memset(text, 0, UP_STR_BUF);
+    usUp2Str(handle, text, 1);
+    return text;
+}
+
 /* The text and result of snprintf(line, size, "%02x.%02x.%02x.%02x\t%02x:%02x:%02x:%02x:%02x:%02x"
  * "\t%04x\t%11s\t%08x\t%08x\t\r\n", ...), the binding file's line; of portText
  * at most UP_STR_BUF - 1 characters are read. */

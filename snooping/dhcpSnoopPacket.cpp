@@ -95,12 +95,24 @@ static uint32_t dhcpSnoopFrameBytesFrom(const DhcpSnoopPacket *packet, const uin
     return packet->frameLen - (uint32_t)(at - start);
 }
 
+/* A member of the port list: the receive port, so far. */
+static void dhcpSnoopRcvPortFound(DHCP_SNOOP_UP_T port)
+{
+    char name[UP_STR_BUF];
+
+    rcvPort = port;
+    DHCP_SNOOP_DEBUG("rcvPort %s is swp:%d, is valid:%d", dhcpSnoopUpText(rcvPort, name),
+                     UP_KIND(rcvPort) == UP_TYPE_PHYSICAL ? 1 : 0, (int)inner_up_is_valid(rcvPort));
+}
+
 /* Sets rcvPort to the last member of the descriptor's port list.
  *
  * The walk runs for every trapped frame, so it asks the platform no more
  * than it must: a unit's list words are tested once when the walk enters the
  * unit, a slot's base once per slot, and the port channels, which follow the
- * units in the flat layout, are not walked when none of their words is set. */
+ * units in the flat layout, are not walked when none of their words is set.
+ * Most indexes are ports of the slot entered last: they take the first test
+ * of the loop and nothing else. */
 static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
 {
     uint32_t words[6];
@@ -112,7 +124,10 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
     uint32_t channels;
     uint32_t i;
     DHCP_SNOOP_UP_T port;
-    uint32_t fastKey = UP_INVALID; /* kind, unit and slot bits of the slot entered last, if its unit has words */
+    /* Kind, unit and slot bits of the slot entered last, if its unit has
+     * words; never equal to a handle's masked bits otherwise (the low byte
+     * of UP_INVALID is set). */
+    uint32_t fastKey = UP_INVALID;
     /* A private copy: the platform calls below cannot change it, so the
      * compiler need not reload it after each. */
     for (i = 0; i < 6u; i++)
@@ -125,12 +140,19 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
 
         port = UP_INVALID;
         inner_up_from_index(&port, index, 1, __func__, __LINE__);
+        if ((port & 0xFFFFFF00u) == fastKey) {
+            n = slotBase + UP_PORT(port);
+            if (n < 96u) {
+                /* unitWord is at most 3 here: the word is one of the six. */
+                if (((words[unitWord + n / 32u] >> (n % 32u)) & 1u) != 0)
+                    dhcpSnoopRcvPortFound(port);
+                index++;
+                continue;
+            }
+        }
         if (port == UP_INVALID)
             break;
-        if ((port & 0xFFFFFF00u) == fastKey && slotBase + UP_PORT(port) < 96u) {
-            n = slotBase + UP_PORT(port); /* the slot entered last, a port of its first three words */
-            word = unitWord + n / 32u;
-        } else if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
+        if (UP_KIND(port) == UP_TYPE_PHYSICAL) {
             if ((port & DS_UNIT_SLOT_MASK) != unitSlot) {
                 if (UP_UNIT(port) != unit) {
                     unit = UP_UNIT(port);
@@ -159,16 +181,8 @@ static void dhcpSnoopFindRcvPort(const DhcpSnoopPacket *inputPacket)
             continue;
         }
         /* The list holds six words: units past the second have no place in it. */
-        if (word < 6u && ((words[word] >> (n % 32u)) & 1u) != 0) {
-            rcvPort = port;
-            if (DHCP_SNOOP_DEBUG_ON()) {
-                char name[UP_STR_BUF];
-                memset(name, 0, sizeof(name));
-                usUp2Str(rcvPort, name, 1);
-                DHCP_SNOOP_DEBUG("rcvPort %s is swp:%d, is valid:%d", name,
-                                 UP_KIND(rcvPort) == UP_TYPE_PHYSICAL ? 1 : 0, (int)inner_up_is_valid(rcvPort));
-            }
-        }
+        if (word < 6u && ((words[word] >> (n % 32u)) & 1u) != 0)
+            dhcpSnoopRcvPortFound(port);
         index++;
     }
 }

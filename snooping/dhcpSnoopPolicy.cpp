@@ -211,6 +211,7 @@ static uint32_t dhcpSnoopPolicyAck(DhcpSnoopPacket *inputPacket, DhcpSnoopElemen
     DhcpSnoopElement *temp1;
     DhcpSnoopElement *temp2;
     DhcpSnoopElement view;
+    char port[UP_STR_BUF];
     uint32_t rv;
 
     if (dhcpSnoopIpIsZero(tempElement)) {
@@ -236,14 +237,8 @@ static uint32_t dhcpSnoopPolicyAck(DhcpSnoopPacket *inputPacket, DhcpSnoopElemen
         temp2 = dhcpSnoopElementSearchByIpVlanMac(tempElement, DHCP_SNOOP_ELEMENT_DYNAMIC);
         if (temp2 != NULL)
             DHCP_SNOOP_POLICY_TRY(dhcpSnoopElementDelete(temp2, DHCP_SNOOP_ELEMENT_DYNAMIC));
-        if (DHCP_SNOOP_DEBUG_ON()) {
-            char port[UP_STR_BUF] = {0};
-            usUp2Str(temp1->up, port, 1);
-            DHCP_SNOOP_DEBUG("temp1->up:%s", port);
-            memset(port, 0, sizeof(port));
-            usUp2Str(tempElement->up, port, 1);
-            DHCP_SNOOP_DEBUG("tempElement->up:%s", port);
-        }
+        DHCP_SNOOP_DEBUG("temp1->up:%s", dhcpSnoopUpText(temp1->up, port));
+        DHCP_SNOOP_DEBUG("tempElement->up:%s", dhcpSnoopUpText(tempElement->up, port));
         if (temp1->up == tempElement->up) {
             DHCP_SNOOP_DEBUG("DHCP ack packet and DHCP request packet receive from the same port, drop the "
                              "DHCP ack packet.");
@@ -350,6 +345,7 @@ static uint32_t dhcpSnoopPolicyPass(DhcpSnoopPacket *inputPacket, DhcpSnoopEleme
 uint32_t dhcpSnoopTableManage(DhcpSnoopPacket *inputPacket, DhcpSnoopElement *tempElement)
 {
     uint8_t trust = 0;
+    char port[UP_STR_BUF];
     uint32_t rv;
 
     /* The element is ours from here on, whatever happens: filed or given
@@ -363,11 +359,7 @@ uint32_t dhcpSnoopTableManage(DhcpSnoopPacket *inputPacket, DhcpSnoopElement *te
     }
     DHCP_SNOOP_DEBUG("============== Table Manage start type %d=================\n", (int)tempElement->type);
     DHCP_SNOOP_POLICY_TRY(swDhcpSnoopGetPortTrust(tempElement->up, &trust));
-    if (DHCP_SNOOP_DEBUG_ON()) {
-        char port[UP_STR_BUF] = {0};
-        usUp2Str(tempElement->up, port, 1);
-        DHCP_SNOOP_DEBUG("port: %s, trust: %d", port, (int)trust);
-    }
+    DHCP_SNOOP_DEBUG("port: %s, trust: %d", dhcpSnoopUpText(tempElement->up, port), (int)trust);
 
     switch (tempElement->type) {
     case DHCP_SNOOP_TYPE_NONE:

@@ -410,6 +410,26 @@ TEST_F(PipelineTest, DebugSwitchOffCostsNoPortNamesOrDumps)
     EXPECT_GT(sim::usUp2StrCalls(), 0u);
 }
 
+bool noLineWanted(const char*) { return false; }
+
+// A platform that wants only some lines (the replay wants those that name a
+// drop) declines the rest at their sites: the port names those lines carry
+// are then not composed either, nor is the element pool's entry line.
+TEST_F(PipelineTest, LinesDeclinedAtTheirSitesCostNoPortNames)
+{
+    sim::setDebugFlag(1);
+    sim::setLogFilter(noLineWanted);
+    handle(fb::discover().build());  // each site is asked once
+    size_t before = sim::usUp2StrCalls();
+    handle(fb::discover().build());
+    EXPECT_EQ(sim::usUp2StrCalls(), before);
+    EXPECT_TRUE(sim::logs().empty());
+    sim::setLogFilter(nullptr);
+    handle(fb::discover().build());
+    EXPECT_GT(sim::usUp2StrCalls(), before);
+    EXPECT_TRUE(sim::hasMessage("dhcpSnoopFreeMem"));
+}
+
 // ---- frames that claim more than they hold -----------------------------------------------
 
 TEST_F(PipelineTest, DiscoverCutAtEveryLengthIsRefusedOrCutShortWithinTheFrame)

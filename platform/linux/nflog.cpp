@@ -6,11 +6,13 @@
 #include <linux/netfilter/nfnetlink_log.h>
 #include <linux/capability.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 namespace live {
@@ -294,15 +296,38 @@ bool exchange(int s, const uint8_t* req, size_t len, uint32_t seq, const char* w
         error = std::string("nfnetlink_log ") + what + ": " + strerror(errno);
         return false;
     }
+    return awaitAck(s, seq, kAckTimeoutMs, what, error);
+}
+
+}  // namespace
+
+bool awaitAck(int s, uint32_t seq, int timeoutMs, const std::string& what, std::string& error)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     alignas(struct nlmsghdr) uint8_t buf[1024];
     for (;;) {
-        ssize_t n = recv(s, buf, sizeof buf, 0);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            error = std::string("nfnetlink_log ") + what + ": " + strerror(errno);
+        // Rounded up: the wait ends at the deadline, not a millisecond short.
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        struct pollfd p = {s, POLLIN, 0};
+        int ready = poll(&p, 1, left.count() > 0 ? (int)left.count() : 0);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0) {
+            error = "nfnetlink_log " + what + ": " + strerror(errno);
             return false;
         }
+        if (ready == 0) {
+            error = "nfnetlink_log " + what + ": no answer from the kernel in " + std::to_string(timeoutMs) + " ms";
+            return false;
+        }
+        ssize_t n = recv(s, buf, sizeof buf, MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)
+                continue;
+            error = "nfnetlink_log " + what + ": " + strerror(errno);
+            return false;
+        }
+        // Frames logged to the group may come first: passed over.
         for (size_t at = 0; at + kNlHdr <= (size_t)n;) {
             struct nlmsghdr h;
             memcpy(&h, buf + at, sizeof h);
@@ -314,15 +339,13 @@ bool exchange(int s, const uint8_t* req, size_t len, uint32_t seq, const char* w
                 memcpy(&e, buf + at + kNlHdr, sizeof e);
                 if (e.error == 0)
                     return true;
-                error = std::string("nfnetlink_log ") + what + ": " + strerror(-e.error);
+                error = "nfnetlink_log " + what + ": " + strerror(-e.error);
                 return false;
             }
             at += NLMSG_ALIGN(h.nlmsg_len);
         }
     }
 }
-
-}  // namespace
 
 int open(uint16_t group, uint32_t copyRange, std::string& error)
 {

@@ -75,6 +75,12 @@ void completeUdpChecksum(uint8_t* f, size_t len);
 // right is left as it was; true when it was completed.
 bool completePartialUdpChecksum(uint8_t* f, size_t len);
 
+// Waits on s for the acknowledgement (an NLMSG_ERROR of sequence number
+// seq) of a request; other messages are passed over. False with error when
+// the kernel refused it, or said nothing within timeoutMs.
+constexpr int kAckTimeoutMs = 2000;
+bool awaitAck(int s, uint32_t seq, int timeoutMs, const std::string& what, std::string& error);
+
 // A netlink socket bound to group and configured as above; -1 with error.
 // A group another program holds is refused by the kernel (EPERM, as for a
 // caller without CAP_NET_ADMIN: the error says which it was).

@@ -9,6 +9,11 @@
 #include <linux/netfilter/nfnetlink_log.h>
 #include <linux/netlink.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -339,3 +344,67 @@ TEST(Nflog, GroupsArePerPort)
 }
 
 }  // namespace
+
+namespace {
+
+// A netlink message of type and sequence number, with an nlmsgerr of
+// errorCode when the type is NLMSG_ERROR.
+std::vector<uint8_t> netlinkMessage(uint16_t type, uint32_t seq, int errorCode)
+{
+    size_t len = NLMSG_LENGTH(type == NLMSG_ERROR ? sizeof(struct nlmsgerr) : 8);
+    std::vector<uint8_t> m(NLMSG_ALIGN(len), 0);
+    struct nlmsghdr h;
+    memset(&h, 0, sizeof h);
+    h.nlmsg_len = (uint32_t)len;
+    h.nlmsg_type = type;
+    h.nlmsg_seq = seq;
+    memcpy(m.data(), &h, sizeof h);
+    if (type == NLMSG_ERROR) {
+        struct nlmsgerr e;
+        memset(&e, 0, sizeof e);
+        e.error = errorCode;
+        memcpy(m.data() + NLMSG_HDRLEN, &e, sizeof e);
+    }
+    return m;
+}
+
+struct Pair {
+    int fd[2] = {-1, -1};
+    Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, fd), 0); }
+    ~Pair()
+    {
+        close(fd[0]);
+        close(fd[1]);
+    }
+    void send(const std::vector<uint8_t>& m) { ASSERT_EQ(::send(fd[1], m.data(), m.size(), 0), (ssize_t)m.size()); }
+};
+
+}  // namespace
+
+// The acknowledgement of a request: found behind other messages, a refusal
+// named, and a kernel that says nothing does not hold the start-up forever.
+TEST(Nflog, TheAcknowledgementIsAwaitedForALimitedTime)
+{
+    std::string error;
+    {
+        Pair p;
+        p.send(netlinkMessage((NFNL_SUBSYS_ULOG << 8) | NFULNL_MSG_PACKET, 0, 0));
+        p.send(netlinkMessage(NLMSG_ERROR, 6, 0));  // another request's
+        p.send(netlinkMessage(NLMSG_ERROR, 7, 0));
+        EXPECT_TRUE(nflog::awaitAck(p.fd[0], 7, 1000, "group 1 bind", error)) << error;
+    }
+    {
+        Pair p;
+        p.send(netlinkMessage(NLMSG_ERROR, 7, -EPERM));
+        EXPECT_FALSE(nflog::awaitAck(p.fd[0], 7, 1000, "group 1 bind", error));
+        EXPECT_EQ(error, std::string("nfnetlink_log group 1 bind: ") + strerror(EPERM));
+    }
+    {
+        Pair p;
+        p.send(netlinkMessage(NLMSG_ERROR, 6, 0));
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(nflog::awaitAck(p.fd[0], 7, 50, "group 1 mode", error));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+        EXPECT_EQ(error, "nfnetlink_log group 1 mode: no answer from the kernel in 50 ms");
+    }
+}

@@ -182,8 +182,11 @@ void trapFrame(size_t port, const PortIo& p, uint8_t* frame, size_t n, const str
     bool outgoing = from.sll_pkttype == PACKET_OUTGOING;
     if (outgoing != p.host)
         return;
-    if (msg.msg_flags & MSG_TRUNC)
-        return;  // too long for the packet pool: not a DHCP frame the module takes
+    if (msg.msg_flags & MSG_TRUNC) {
+        // Dropped by the table for the daemon, yet too long for the packet pool.
+        core::trapTooLong(port, frame, n);
+        return;
+    }
     int32_t tci = -1;
     bool csumNotReady = false;
     for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(const_cast<struct msghdr*>(&msg), c)) {
@@ -215,8 +218,16 @@ void loggedFrame(const nflog::Packet& pk, void* arg)
     if (lost > 0)
         core::discard(to.port, "trap socket full", lost);
     size_t n = nflog::frameOf(pk, to.b->frame, sizeof to.b->frame);
-    if (n == 0)
-        return;  // too long for the packet pool (as a cut frame of a trap socket), or no link header
+    if (n == 0) {
+        // The group copies no more than the packet pool takes (and some):
+        // a frame that does not fit was cut. The table dropped it for the
+        // daemon, so it is counted, not lost without a word.
+        if (pk.l2Len == 0)
+            core::discard(to.port, "no link header");
+        else
+            core::trapTooLong(to.port, pk.l2, pk.l2Len);
+        return;
+    }
     // A frame a local stack sent keeps the sum of its addresses only where
     // the UDP checksum goes (offloaded): completed as the sender's device would.
     nflog::completePartialUdpChecksum(to.b->frame, n);
@@ -226,8 +237,11 @@ void loggedFrame(const nflog::Packet& pk, void* arg)
 void loggedFrames(size_t port, const uint8_t* data, size_t len, const struct msghdr& msg, RxBatch& b)
 {
     State& s = state();
-    if (msg.msg_flags & MSG_TRUNC)
-        return;  // more than a frame the packet pool takes
+    if (msg.msg_flags & MSG_TRUNC) {
+        // A message longer than a frame the group copies and its attributes.
+        core::discard(port, "larger than the receive buffer");
+        return;
+    }
     LoggedTo to{port, s.ports[port].get(), &b};
     nflog::parse(data, len, loggedFrame, &to);
 }

@@ -74,6 +74,10 @@ void setKernelPath(FdbLookup fdb, GuardChange guard);
 // A frame of a trap socket: VLAN admission and the trap, nothing switched
 // and nothing learned. Frames that are not DHCP are left alone.
 void trapOnly(size_t port, uint8_t* frame, size_t len, int32_t vlanTci);
+// A trapped frame too long for the packet pool of which the trap kept only
+// the first len bytes (at least its link header, or nothing): counted as a
+// whole one that trapOnly found too long.
+void trapTooLong(size_t port, const uint8_t* head, size_t len);
 
 // The port index of a configured port's handle; (size_t)-1 when none.
 size_t portIndex(up handle);

@@ -1179,6 +1179,19 @@ void receive(size_t rx, uint8_t* frame, size_t len, int32_t vlanTci, uint16_t vl
     transmitAll(c, tx, out, f, len, offIn ? &off : nullptr);
 }
 
+void trapTooLong(size_t rx, const uint8_t* head, size_t len)
+{
+    Core& c = core();
+    Guard g(c.lock);
+    if (!c.up || rx >= c.ports.size())
+        return;
+    PortState& p = c.ports[rx];
+    ++p.counters.rxFrames;
+    ++p.trapDrops[kTooLong];
+    if (live::monitor::active())
+        live::monitor::drop(p.cfg.name, kTrapDropText[kTooLong], head, len);
+}
+
 void discard(size_t rx, const char* reason, uint64_t count)
 {
     Core& c = core();

@@ -446,10 +446,14 @@ def checksum(data):
     return (~s) & 0xFFFF
 
 
-def discover(mac, xid, vid=None):
+def discover(mac, xid, vid=None, length=0):
+    """A broadcast DISCOVER from mac; padded behind its end option to
+    length bytes of frame where that is longer."""
     bootp = struct.pack("!BBBBIHH4s4s4s4s16s64s128s", 1, 1, 6, 0, xid, 0, 0x8000, b"\0" * 4,
                         b"\0" * 4, b"\0" * 4, b"\0" * 4, mac + b"\0" * 10, b"", b"")
     bootp += COOKIE + bytes([OPT_MSG_TYPE, 1, 1, 255]) + b"\0" * 8
+    frame_len = 14 + (4 if vid is not None else 0) + 20 + 8 + len(bootp)
+    bootp += b"\0" * max(0, length - frame_len)
     udp_len = 8 + len(bootp)
     src, dst = b"\0" * 4, b"\xff" * 4
     pseudo = src + dst + struct.pack("!BBH", 0, 17, udp_len)
@@ -478,6 +482,18 @@ def cmd_flood(args):
         if delay > 0:
             time.sleep(delay)
     print("sent %d DISCOVERs in %.2f s" % (count, time.monotonic() - start))
+    return 0
+
+
+def cmd_big_discover(args):
+    """big-discover IFACE MAC LENGTH XID_HEX: sends one DHCP DISCOVER from
+    MAC padded to LENGTH bytes (the interface's MTU must let it out)."""
+    iface, mac, length, xid = args[0], mac_bytes(args[1]), int(args[2]), int(args[3], 16)
+    s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    s.bind((iface, 0))
+    frame = discover(mac, xid, None, length)
+    s.send(frame)
+    print("sent a DISCOVER of %d bytes" % len(frame))
     return 0
 
 
@@ -542,6 +558,7 @@ COMMANDS = {
     "binding-lease": (cmd_binding_lease, 2),
     "counter": (cmd_counter, 3),
     "flood": (cmd_flood, 5),
+    "big-discover": (cmd_big_discover, 4),
 }
 
 

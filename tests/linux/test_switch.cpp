@@ -326,6 +326,21 @@ TEST_F(Switch, FrameLongerThanAPoolBufferIsDroppedWithItsReason)
     EXPECT_EQ(live::core::poolBuffersInUse(), 0u);
 }
 
+// The bridge data plane's trap copies no more than a pool buffer takes: of a
+// longer frame it hands over the link header only, counted as the whole
+// frame would have been.
+TEST_F(Switch, ATrapsCutCopyOfALongFrameIsCountedAsTooLong)
+{
+    bringUp(kConfig);
+    fb::Bytes f = fb::discover().srcMac(mac(2)).padTo(3000).build();
+    live::core::trapTooLong(1, f.data(), 14);
+    live::core::trapTooLong(99, f.data(), 14);
+    EXPECT_EQ(counters("1/0/2").rxFrames, 1u);
+    EXPECT_EQ(counters("1/0/2").dropped["frame too long for the packet pool"], 1u);
+    EXPECT_EQ(counters("1/0/2").trapped, 0u);
+    EXPECT_EQ(live::core::poolBuffersInUse(), 0u);
+}
+
 TEST_F(Switch, SecondReleaseAndForeignBuffersAreRecognisedAndHarmless)
 {
     bringUp(kConfig);

@@ -333,13 +333,12 @@ uint32_t dhcpSnoopElementAddNewEx(DhcpSnoopElement *element, uint32_t tableType,
     view.next = oldHead;
     view.prev = NULL;
 
-    if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0 && DHCP_SNOOP_DEBUG_ON()) {
-        char port[UP_STR_BUF] = {0};
-        usUp2Str(view.up, port, 1);
+    if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0) {
+        char port[UP_STR_BUF];
         DHCP_SNOOP_DEBUG("Add %s table binding entry:\n src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                          "vlan:%d, port:%s, ttl:%d",
                          dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view),
-                         (int)view.vlan, port, (int)view.ttl);
+                         (int)view.vlan, dhcpSnoopUpText(view.up, port), (int)view.ttl);
     }
     if (tableType == DHCP_SNOOP_ELEMENT_REQUEST)
         return DHCP_SNOOP_OK;
@@ -395,13 +394,12 @@ uint32_t dhcpSnoopElementDeleteEx(DhcpSnoopElement *pElement, uint32_t tableType
     /* Ours now; only a stale aging pass may still touch its ttl. */
     dhcpSnoopElementLoad(pElement, &view);
 
-    if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0 && DHCP_SNOOP_DEBUG_ON()) {
-        char port[UP_STR_BUF] = {0};
-        usUp2Str(view.up, port, 1);
+    if ((dhcpSnoopDebugLevel() & DHCP_SNOOP_DEBUG_LEVEL_ENTRY) != 0) {
+        char port[UP_STR_BUF];
         DHCP_SNOOP_DEBUG("Delete %s table binding entry:\n src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                          "vlan:%d, port:%s, ttl:%d",
                          dhcpSnoopTableName(tableType), DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view),
-                         (int)view.vlan, port, (int)view.ttl);
+                         (int)view.vlan, dhcpSnoopUpText(view.up, port), (int)view.ttl);
     }
 
     if (tableType == DHCP_SNOOP_ELEMENT_DYNAMIC) {
@@ -534,13 +532,12 @@ void dhcpSnoopCheckAging(uint32_t tableType)
                     DHCP_SNOOP_DEBUG("Dynamic table entry expired, hash pos:%d.", (int)pos);
                 else
                     DHCP_SNOOP_DEBUG("Request table entry expired, hash pos:%d.", (int)pos);
-                if (DHCP_SNOOP_DEBUG_ON()) {
-                    char port[UP_STR_BUF] = {0};
-                    usUp2Str(view.up, port, 1);
+                {
+                    char port[UP_STR_BUF];
                     DHCP_SNOOP_DEBUG("Aging entry, src IP:%d.%d.%d.%d, src MAC:%02x:%02x:%02x:%02x:%02x:%02x, "
                                      "vlan:%d, port:%s, ttl:%d",
-                                     DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view), (int)view.vlan, port,
-                                     (int)ttl);
+                                     DHCP_SNOOP_IP_ARGS(&view), DHCP_SNOOP_MAC_ARGS(&view), (int)view.vlan,
+                                     dhcpSnoopUpText(view.up, port), (int)ttl);
                 }
                 (void)dhcpSnoopElementDeleteEx(node, tableType, &gone);
                 if (tableType == DHCP_SNOOP_ELEMENT_DYNAMIC)
@@ -677,12 +674,10 @@ uint32_t dhcpSnoopDelFromQTable(DhcpSnoopElement *element)
                              (int)rv);
             return rv;
         }
-        if (DHCP_SNOOP_DEBUG_ON()) {
-            usUp2Str(element->up, port, 1);
-            DHCP_SNOOP_DEBUG("Delete binding table entry successfully:\n src IP:%d.%d.%d.%d, src "
-                             "MAC:%02x:%02x:%02x:%02x:%02x:%02x, vlan:%d, port:%s",
-                             DHCP_SNOOP_IP_ARGS(element), DHCP_SNOOP_MAC_ARGS(element), (int)element->vlan, port);
-        }
+        DHCP_SNOOP_DEBUG("Delete binding table entry successfully:\n src IP:%d.%d.%d.%d, src "
+                         "MAC:%02x:%02x:%02x:%02x:%02x:%02x, vlan:%d, port:%s",
+                         DHCP_SNOOP_IP_ARGS(element), DHCP_SNOOP_MAC_ARGS(element), (int)element->vlan,
+                         dhcpSnoopUpText(element->up, port));
     }
 }
 
